@@ -1,0 +1,43 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+/// Expects `statement` to throw the class `exceptionClass` (or a subclass) with
+/// what() equal to `message`.
+#define EXPECT_THROW_MSG(statement, exceptionClass, message)                                            \
+    do {                                                                                           \
+        try {                                                                                      \
+            statement;                                                                             \
+            ADD_FAILURE() << "Expected " #exceptionClass " from: " #statement;                          \
+        } catch (const exceptionClass& e_) {                                                            \
+            EXPECT_EQ(std::string(e_.what()), std::string(message)) << "from: " #statement;        \
+        } catch (const std::exception& e_) {                                                       \
+            ADD_FAILURE() << "Expected " #exceptionClass ", got another exception: " << e_.what();      \
+        }                                                                                          \
+    } while (false)
+
+namespace norvexa_test {
+
+/// A fresh directory under the system's temporary directory, removed with the object.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return _path; }
+
+private:
+    std::filesystem::path _path;
+};
+
+/// A name for a shared-memory object that no other test run uses.
+std::string uniqueShmName(const std::string& stem);
+
+/// Path of a file under data/.
+std::filesystem::path dataPath(const std::string& relative);
+
+} // namespace norvexa_test
