@@ -1,9 +1,118 @@
-#include "foundation/image/DDataTypes.h"
+// A tour of the image core on a frame of real detector size: build a frame, read and
+// write pixels, convert it, correct it with a factor image, compress it as a detector
+// streams it and decode it again, and take its digest.
 
+#include "DGlobal.h"
+#include "DImage.h"
+#include "DMd5.h"
+
+#include <chrono>
+#include <cstring>
+#include <iomanip>
 #include <iostream>
+#include <random>
+
+using namespace norvexa;
+using namespace norvexa::imglib;
+
+namespace {
+
+// 5 x 12 modules of 487 x 195 pixels, with gaps of 7 and 17 pixels between them.
+constexpr int kWidth = 2463, kHeight = 2527;
+
+bool inGap(int x, int y) { return x % (487 + 7) >= 487 || y % (195 + 17) >= 195; }
+
+DImage syntheticFrame()
+{
+    DImage frame(kWidth, kHeight, 0);
+    std::mt19937 rng(7);
+    std::poisson_distribution<int> background(0.8);
+    int* p = reinterpret_cast<int*>(frame.data());
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            p[y * kWidth + x] = inGap(x, y) ? -1 : background(rng);
+    // A few bright spots.
+    std::uniform_int_distribution<int> ux(5, kWidth - 6), uy(5, kHeight - 6);
+    for (int s = 0; s < 300; ++s) {
+        const int cx = ux(rng), cy = uy(rng);
+        for (int dy = -2; dy <= 2; ++dy)
+            for (int dx = -2; dx <= 2; ++dx)
+                if (!inGap(cx + dx, cy + dy))
+                    p[(cy + dy) * kWidth + cx + dx] += 5000 / (1 + dx * dx + dy * dy);
+    }
+    return frame;
+}
+
+double millisecondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+long long totalCounts(const DImage& frame)
+{
+    long long total = 0;
+    for (int y = 0; y < frame.height(); ++y)
+        for (int x = 0; x < frame.width(); ++x) {
+            const int v = frame.pixel<int>(x, y, 0);
+            total += v > 0 ? v : 0;
+        }
+    return total;
+}
+
+} // namespace
 
 int main()
 {
-    std::cout << "norvexa demo: " << norvexa::datatypes::typeStr(norvexa::datatypes::UINT) << "\n";
-    return 0;
+    std::cout << "norvexa image library " << version() << "\n\n";
+
+    auto start = std::chrono::steady_clock::now();
+    DImage frame = syntheticFrame();
+    std::cout << "Built a " << frame.width() << " x " << frame.height() << " frame of "
+              << datatypes::typeStr(frame.type()) << " " << frame.typeBits() << " ("
+              << frame.size() * frame.dataSize() / 1e6 << " MB) in " << std::fixed
+              << std::setprecision(1) << millisecondsSince(start) << " ms\n";
+    std::cout << "  pixel (100, 100) = " << frame.pixel<int>(100, 100, 0)
+              << ", gap pixel (490, 10) = " << frame.pixel<int>(490, 10, 0)
+              << ", outside (-1, 0) gives the default " << frame.pixel<int>(-1, 0, 42) << "\n";
+    std::cout << "  total counts: " << totalCounts(frame) << "\n";
+
+    start = std::chrono::steady_clock::now();
+    const DImage asFloat = frame.asType<float>();
+    std::cout << "Converted to " << datatypes::typeStr(asFloat.type()) << " " << asFloat.typeBits()
+              << " in " << millisecondsSince(start) << " ms\n";
+
+    DImage flatfield(kWidth, kHeight, 1.0);
+    double* f = reinterpret_cast<double*>(flatfield.data());
+    for (std::size_t i = 0; i < flatfield.size(); ++i)
+        f[i] = 0.97 + 0.06 * static_cast<double>(i % 101) / 100.0;
+    DImage corrected = frame;
+    start = std::chrono::steady_clock::now();
+    corrected *= flatfield;
+    std::cout << "Multiplied in place by a flat-field image of doubles in "
+              << millisecondsSince(start) << " ms: still " << datatypes::typeStr(corrected.type())
+              << " " << corrected.typeBits() << ", gaps still " << corrected.pixel<int>(490, 10, 0)
+              << ", total counts " << totalCounts(corrected) << "\n";
+    const DImage difference = corrected - frame;
+    std::cout << "  corrected - raw at (100, 100): " << difference.pixel<int>(100, 100, 0) << "\n";
+
+    // As a detector streams it: bitshuffled and LZ4-compressed unsigned 32-bit pixels.
+    DBasicImage chunk = frame.asType<unsigned int>().imageData();
+    chunk.setFilter(image::DCompression::FILTER_BS32_LZ4, 0);
+    std::cout << "Compressed as a bitshuffle/LZ4 chunk: " << chunk.usedBytes() << " bytes for "
+              << chunk.size() << " pixels (ratio " << std::setprecision(1)
+              << static_cast<double>(chunk.size() * 4) / static_cast<double>(chunk.usedBytes()) << ")\n";
+    start = std::chrono::steady_clock::now();
+    const DImage decoded(std::move(chunk));
+    const double decodeMs = millisecondsSince(start);
+    const DImage original = frame.asType<unsigned int>();
+    const bool equal = std::memcmp(decoded.cdata(), original.cdata(), original.size() * 4) == 0;
+    std::cout << "  decoded on entry into a DImage in " << decodeMs << " ms: pixels "
+              << (equal ? "identical" : "DIFFERENT") << "\n";
+
+    DMd5 md5;
+    start = std::chrono::steady_clock::now();
+    md5.hash(reinterpret_cast<const unsigned char*>(frame.cdata()), frame.size() * frame.dataSize());
+    std::cout << "MD5 of the frame's bytes: " << md5.toHex() << " (Base64 " << md5.toBase64()
+              << ") in " << millisecondsSince(start) << " ms\n";
+    return equal ? 0 : 1;
 }

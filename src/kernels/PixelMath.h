@@ -1,0 +1,155 @@
+#pragma once
+
+// Internal to the kernels: the type rules and value conversions of the pixel arithmetic
+// and of asType. The rules themselves are documented on DBasicImage.
+
+#include <cmath>
+#include <limits>
+#include <type_traits>
+
+namespace norvexa {
+namespace kernels {
+
+template <class T>
+constexpr int digitsOf()
+{
+    return std::numeric_limits<T>::digits;
+}
+
+/// Whether every value of B is a value of A.
+template <class A, class B>
+constexpr bool holdsAll()
+{
+    if constexpr (std::is_same_v<A, bool>)
+        return std::is_same_v<B, bool>;
+    else if constexpr (std::is_same_v<B, bool>)
+        return true;
+    else if constexpr (std::is_floating_point_v<A>)
+        return std::is_floating_point_v<B> ? sizeof(B) <= sizeof(A) : digitsOf<B>() <= digitsOf<A>();
+    else if constexpr (std::is_floating_point_v<B>)
+        return false;
+    else
+        return (std::is_signed_v<A> || !std::is_signed_v<B>) && digitsOf<B>() <= digitsOf<A>();
+}
+
+namespace detail {
+template <class A, class B, class Candidate, class... Rest>
+struct FirstHolding {
+    using type = std::conditional_t<holdsAll<Candidate, A>() && holdsAll<Candidate, B>(), Candidate,
+                                    typename FirstHolding<A, B, Rest...>::type>;
+};
+template <class A, class B, class Candidate>
+struct FirstHolding<A, B, Candidate> {
+    using type = Candidate;
+};
+} // namespace detail
+
+/// The result type of an out-of-place operation of two images: the narrowest pixel type
+/// that holds every value of both, the left one on a tie, double when none does.
+template <class L, class R>
+using ResultType = std::conditional_t<
+    holdsAll<L, R>(), L,
+    std::conditional_t<holdsAll<R, L>(), R,
+                       typename detail::FirstHolding<L, R, short, int, long long, float, double>::type>>;
+
+/// The same for an image and a scalar: a floating image keeps its type with an integer scalar.
+template <class L, class T>
+using ScalarResultType =
+    std::conditional_t<std::is_floating_point_v<L> && !std::is_floating_point_v<T>, L, ResultType<L, T>>;
+
+/// The type in which a pair is computed exactly.
+template <class A, class B>
+using ComputeType = std::conditional_t<
+    std::is_floating_point_v<A> || std::is_floating_point_v<B>, double,
+    std::conditional_t<(sizeof(A) <= 4 && sizeof(B) <= 4), long long, __int128>>;
+
+enum class Op { Add, Sub, Mul, Div };
+
+template <Op op, class C>
+inline C apply(C a, C b)
+{
+    if constexpr (op == Op::Add) {
+        return a + b;
+    } else if constexpr (op == Op::Sub) {
+        return a - b;
+    } else if constexpr (op == Op::Mul) {
+        if constexpr (std::is_same_v<C, __int128>) {
+            C product;
+            if (__builtin_mul_overflow(a, b, &product)) {
+                const C max = ~(static_cast<unsigned __int128>(1) << 127);
+                return ((a < 0) != (b < 0)) ? -max - 1 : max;
+            }
+            return product;
+        } else {
+            return a * b;
+        }
+    } else {
+        if constexpr (std::is_floating_point_v<C>)
+            return a / b;
+        else
+            return b == 0 ? C(0) : a / b;
+    }
+}
+
+/// Largest double not above the maximum of integer type T (exact for types up to 32 bits).
+template <class T>
+constexpr double doubleMax()
+{
+    if constexpr (digitsOf<T>() <= 53)
+        return static_cast<double>(std::numeric_limits<T>::max());
+    else
+        return static_cast<double>(std::numeric_limits<T>::max()) -
+               static_cast<double>(1ULL << (digitsOf<T>() - 52)); // one step below 2^digits
+}
+
+/// Floating to integer with truncation, saturation and NaN as 0: the language's
+/// conversion where it is defined, and a defined value where it is not.
+template <class T>
+inline T truncateToInteger(double v)
+{
+    v = (v == v) ? v : 0.0;
+    v = v < static_cast<double>(std::numeric_limits<T>::min()) ? static_cast<double>(std::numeric_limits<T>::min()) : v;
+    v = v > doubleMax<T>() ? doubleMax<T>() : v;
+    return static_cast<T>(v);
+}
+
+/// Stores a computed value into the result type: integers saturate, floating values are
+/// rounded half away from zero, NaN is 0, BOOL is non-zero.
+template <class Res, class C>
+inline Res store(C v)
+{
+    if constexpr (std::is_same_v<Res, bool>) {
+        return v != 0;
+    } else if constexpr (std::is_floating_point_v<Res>) {
+        return static_cast<Res>(v);
+    } else if constexpr (std::is_floating_point_v<C>) {
+        return truncateToInteger<Res>(v + std::copysign(0.5, v));
+    } else {
+        using Limits = std::numeric_limits<Res>;
+        // Compare in a type that holds both ranges: long long where it suffices, as
+        // that keeps the common loops vectorisable.
+        using Wide = std::conditional_t<std::is_same_v<C, long long> && digitsOf<Res>() <= 63,
+                                        long long, __int128>;
+        const Wide w = static_cast<Wide>(v);
+        if (w < static_cast<Wide>(Limits::min()))
+            return Limits::min();
+        if (w > static_cast<Wide>(Limits::max()))
+            return Limits::max();
+        return static_cast<Res>(v);
+    }
+}
+
+/// The ordinary numeric conversion, defined everywhere (see DBasicImage).
+template <class To, class From>
+inline To convert(From v)
+{
+    if constexpr (std::is_same_v<To, bool>)
+        return v != 0;
+    else if constexpr (std::is_floating_point_v<From> && !std::is_floating_point_v<To>)
+        return truncateToInteger<To>(static_cast<double>(v));
+    else
+        return static_cast<To>(v);
+}
+
+} // namespace kernels
+} // namespace norvexa

@@ -1,0 +1,251 @@
+#include "PixelTypes.h"
+#include "TestHelpers.h"
+
+#include "foundation/DException.h"
+#include "foundation/image/DBasicImage.h"
+
+#include <cstring>
+#include <numeric>
+#include <vector>
+
+using namespace norvexa;
+using namespace norvexa::image;
+using namespace norvexa::datatypes;
+using Image = DBasicImage<StdAllocator>;
+using ShmImage = DBasicImage<ShmAllocator>;
+
+namespace {
+
+template <class A, class B>
+void expectSameContainer(const A& a, const B& b)
+{
+    ASSERT_EQ(a.shape().size(), b.shape().size());
+    for (std::size_t i = 0; i < a.shape().size(); ++i)
+        EXPECT_EQ(a.shape()[i], b.shape()[i]);
+    EXPECT_EQ(a.type(), b.type());
+    EXPECT_EQ(a.typeBits(), b.typeBits());
+    EXPECT_EQ(a.filter(), b.filter());
+    ASSERT_EQ(a.usedBytes(), b.usedBytes());
+    if (a.usedBytes()) {
+        EXPECT_EQ(std::memcmp(a.cdata(), b.cdata(), a.usedBytes()), 0);
+    }
+}
+
+Image ramp(unsigned long width, unsigned long height)
+{
+    Image image(static_cast<const unsigned int*>(nullptr), width, height);
+    auto* p = reinterpret_cast<unsigned int*>(image.data());
+    for (std::size_t i = 0; i < image.size(); ++i)
+        p[i] = static_cast<unsigned int>(i % 97 == 0 ? 0xFFFFFFFFu : i % 13);
+    return image;
+}
+
+// A uniquely named segment, removed when the test ends.
+struct Segment {
+    explicit Segment(std::size_t bytes)
+        : name(norvexa_test::uniqueShmName("norvexa_image")),
+          segment(boost::interprocess::create_only, name.c_str(), bytes)
+    {
+    }
+    ~Segment() { boost::interprocess::shared_memory_object::remove(name.c_str()); }
+    ShmAllocator allocator() { return ShmAllocator(segment.get_segment_manager()); }
+    bool contains(const void* p) const
+    {
+        const char* base = static_cast<const char*>(segment.get_address());
+        return p >= base && p < base + segment.get_size();
+    }
+    std::string name;
+    ShmSegment segment;
+};
+
+} // namespace
+
+template <class T>
+class ContainerPerType : public ::testing::Test {};
+TYPED_TEST_SUITE(ContainerPerType, norvexa_test::AllPixelTypes, norvexa_test::PixelTypeNames);
+
+TYPED_TEST(ContainerPerType, TagTwoDimensionalCopyAndConversion)
+{
+    using T = TypeParam;
+    const Image tag(static_cast<const T*>(nullptr));
+    EXPECT_EQ(tag.size(), 0u);
+    EXPECT_TRUE(tag.empty());
+    EXPECT_EQ(tag.data(), nullptr);
+    EXPECT_EQ(tag.type(), PixelTraits<T>::type);
+    EXPECT_EQ(tag.typeBits(), PixelTraits<T>::bits);
+
+    Image image(static_cast<const T*>(nullptr), 5, 3);
+    ASSERT_EQ(image.shape().size(), 2u);
+    EXPECT_EQ(image.shape()[0], 5u);
+    EXPECT_EQ(image.shape()[1], 3u);
+    EXPECT_EQ(image.size(), 15u);
+    EXPECT_EQ(image.usedBytes(), 15 * sizeof(T));
+    EXPECT_EQ(image.filter(), DCompression::FILTER_NONE);
+    T* p = reinterpret_cast<T*>(image.data());
+    for (int i = 0; i < 15; ++i)
+        p[i] = static_cast<T>(i % 2 ? i : 0);
+
+    Image copy(image);
+    reinterpret_cast<T*>(copy.data())[1] = T(0);
+    EXPECT_EQ(reinterpret_cast<const T*>(image.cdata())[1], static_cast<T>(1)) << "copies are values";
+
+    // Every type converts to double and back without loss for these small values.
+    const Image asDouble = image.asType<double>();
+    EXPECT_EQ(asDouble.type(), FLOAT);
+    EXPECT_EQ(asDouble.typeBits(), 64u);
+    const Image back = asDouble.asType(PixelTraits<T>::type, PixelTraits<T>::bits);
+    expectSameContainer(back, image);
+    expectSameContainer(image.asType<T>(), image);
+}
+
+TEST(Container, EmptyScalarAndResize)
+{
+    Image text(StdAllocator(), INT, 32);
+    text.setType(CHAR);
+    text.setTypeBits(40);
+    text.resizeScalar();
+    EXPECT_EQ(text.size(), 1u);
+    EXPECT_TRUE(text.shape().empty());
+    EXPECT_EQ(text.usedBytes(), 5u);
+    std::memcpy(text.data(), "hello", 5);
+    EXPECT_EQ(std::string(text.cdata(), 5), "hello");
+
+    Image image = ramp(4, 3);
+    image.clear();
+    EXPECT_TRUE(image.empty());
+    EXPECT_EQ(image.data(), nullptr);
+    EXPECT_EQ(image.type(), UINT) << "the description survives clear()";
+
+    image.resize1D(7);
+    EXPECT_EQ(image.size(), 7u);
+    EXPECT_EQ(image.usedBytes(), 28u);
+    image.resize2D(0, 9);
+    EXPECT_TRUE(image.empty());
+    EXPECT_EQ(image.data(), nullptr);
+
+    // A shape whose byte count overflows is refused, never allocated short.
+    EXPECT_THROW(Image(1UL << 40, 1UL << 40, StdAllocator(), UINT, 32), std::bad_alloc);
+}
+
+TEST(Container, MoveSwapAndAssignment)
+{
+    Image a = ramp(6, 2);
+    const Image reference = a;
+    const char* pixels = a.cdata();
+
+    Image moved(std::move(a));
+    EXPECT_EQ(moved.cdata(), pixels) << "a move must not touch pixels";
+    EXPECT_TRUE(a.empty());
+    EXPECT_EQ(a.data(), nullptr);
+
+    Image b(static_cast<const float*>(nullptr), 2, 2);
+    b.swap(moved);
+    EXPECT_EQ(b.cdata(), pixels);
+    EXPECT_EQ(moved.type(), FLOAT);
+
+    Image c;
+    c = b;
+    expectSameContainer(c, reference);
+    c = c; // self-assignment keeps the contents
+    expectSameContainer(c, reference);
+}
+
+TEST(BufferData, IsTwoWordsAndKeepsContentsOnGrowth)
+{
+    static_assert(sizeof(DBasicImageData<StdAllocator>) == 2 * sizeof(void*));
+    DBasicImageData<StdAllocator> buffer;
+    EXPECT_EQ(buffer.data(), nullptr);
+    EXPECT_EQ(buffer.capacity(), 0u);
+    buffer.resize(3);
+    std::memcpy(buffer.data(), "abc", 3);
+    buffer.reserve(100);
+    EXPECT_GE(buffer.capacity(), 100u);
+    EXPECT_EQ(std::string(buffer.cdata(), 3), "abc");
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.cdata()) % 16, 0u);
+    buffer.resize(1000);
+    EXPECT_EQ(std::string(buffer.cdata(), 3), "abc");
+    buffer.resize(2);
+    EXPECT_EQ(buffer.size(), 2u);
+    buffer.clear();
+    EXPECT_EQ(buffer.size(), 0u);
+}
+
+TEST(Container, CompressedStateAndDecoding)
+{
+    const Image plain = ramp(37, 11);
+    for (auto filter : {DCompression::FILTER_LZ4, DCompression::FILTER_BS16_LZ4,
+                        DCompression::FILTER_BS32_LZ4}) {
+        SCOPED_TRACE(static_cast<int>(filter));
+        Image compressed = plain;
+        compressed.setFilter(filter, 0);
+        EXPECT_EQ(compressed.filter(), filter);
+        EXPECT_EQ(compressed.size(), plain.size()) << "size() counts pixels, not bytes";
+        EXPECT_LT(compressed.usedBytes(), plain.usedBytes());
+
+        // As a detector would hand it over: a raw chunk taken as it stands.
+        DBasicImageData<StdAllocator> chunk;
+        chunk.resize(compressed.usedBytes());
+        std::memcpy(chunk.data(), compressed.cdata(), compressed.usedBytes());
+        Image received;
+        received.setRawData(std::move(chunk), Image::Shape{37, 11}, UINT, 32, filter);
+        EXPECT_EQ(received.filter(), filter);
+        received.setFilter(DCompression::FILTER_NONE, 0);
+        expectSameContainer(received, plain);
+
+        const char* before = received.cdata();
+        received.setFilter(DCompression::FILTER_NONE, 0); // cheap no-op on a plain container
+        EXPECT_EQ(received.cdata(), before);
+    }
+}
+
+TEST(Container, CorruptChunkFailsAndLeavesTheContainerAsItWas)
+{
+    Image compressed = ramp(64, 64);
+    compressed.setFilter(DCompression::FILTER_LZ4, 0);
+    compressed.data()[compressed.usedBytes() / 2] ^= 0x5a;
+    compressed.data()[20] ^= 0x7f;
+    const Image before = compressed;
+    EXPECT_THROW(compressed.setFilter(DCompression::FILTER_NONE, 0), DImageCorruptedException);
+    expectSameContainer(compressed, before);
+}
+
+TEST(SharedContainer, CopiesIntoASegmentAndBackIncludingCompressedState)
+{
+    Segment segment(8 << 20);
+    const std::size_t freeAtStart = segment.segment.get_free_memory();
+    {
+        const Image plain = ramp(123, 45);
+        Image compressed = plain;
+        compressed.setFilter(DCompression::FILTER_BS32_LZ4, 0);
+
+        for (const Image* source : {&plain, static_cast<const Image*>(&compressed)}) {
+            SCOPED_TRACE(source == &plain ? "plain" : "compressed");
+            ShmImage* shared = segment.segment.construct<ShmImage>(boost::interprocess::anonymous_instance)(
+                *source, segment.allocator());
+            EXPECT_TRUE(segment.contains(shared->data()));
+            EXPECT_TRUE(segment.contains(&shared->shape()[0]));
+            expectSameContainer(*shared, *source);
+
+            const ShmImage sharedCopy(*shared); // stays in the segment
+            EXPECT_TRUE(segment.contains(sharedCopy.data()));
+
+            Image back(*shared, StdAllocator());
+            expectSameContainer(back, *source);
+            back.setFilter(DCompression::FILTER_NONE, 0);
+            expectSameContainer(back, plain);
+
+            *shared = sharedCopy;
+            expectSameContainer(*shared, *source);
+            segment.segment.destroy_ptr(shared);
+        }
+
+        DBasicImageData<ShmAllocator> bytes(segment.allocator());
+        bytes.resize(10);
+        DBasicImageData<StdAllocator> heap(bytes, StdAllocator());
+        EXPECT_EQ(heap.size(), 10u);
+        DBasicImageData<ShmAllocator> again(heap, segment.allocator());
+        DBasicImageData<ShmAllocator> moved(std::move(again));
+        EXPECT_TRUE(segment.contains(moved.data()));
+    }
+    EXPECT_EQ(segment.segment.get_free_memory(), freeAtStart) << "everything given back";
+}

@@ -1,0 +1,152 @@
+#include "TestHelpers.h"
+
+#include "DTimer.h"
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <future>
+#include <limits>
+#include <thread>
+
+using norvexa::imglib::DTimer;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Polls until `done` holds or a generous limit passes; a loaded machine only makes it slower.
+template <class Predicate>
+bool waitFor(Predicate done, std::chrono::milliseconds limit = 5000ms)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return done();
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+} // namespace
+
+TEST(Timer, NoDelayCallsOnceSoon)
+{
+    const double delays[] = {0.0, -0.5, -1e300, -std::numeric_limits<double>::infinity(),
+                             std::nan("")};
+    for (double delay : delays) {
+        SCOPED_TRACE("delay " + std::to_string(delay));
+        std::atomic<int> calls{0};
+        DTimer timer(delay, [&] { ++calls; });
+        ASSERT_TRUE(waitFor([&] { return calls == 1; }));
+        ASSERT_TRUE(waitFor([&] { return !timer.isActive(); }));
+        std::this_thread::sleep_for(20ms);
+        EXPECT_EQ(calls, 1);
+    }
+}
+
+TEST(Timer, CallsNoEarlierThanTheDelay)
+{
+    std::promise<std::chrono::system_clock::time_point> called;
+    const auto started = std::chrono::system_clock::now();
+    DTimer timer(0.05, [&] { called.set_value(std::chrono::system_clock::now()); });
+    auto future = called.get_future();
+    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+    EXPECT_GE(future.get() - started, 50ms);
+}
+
+TEST(Timer, IsActiveWhileWaitingAndCallingOnly)
+{
+    DTimer timer;
+    EXPECT_FALSE(timer.isActive()) << "idle";
+
+    timer.start(10.0, [] {});
+    EXPECT_TRUE(timer.isActive()) << "waiting";
+    timer.stop();
+    EXPECT_FALSE(timer.isActive()) << "stopped";
+    timer.stop();
+    EXPECT_FALSE(timer.isActive()) << "stopped twice";
+
+    std::promise<void> entered, release;
+    auto released = release.get_future().share();
+    timer.start(0.0, [&] {
+        entered.set_value();
+        released.wait();
+    });
+    ASSERT_EQ(entered.get_future().wait_for(5s), std::future_status::ready);
+    EXPECT_TRUE(timer.isActive()) << "calling";
+    release.set_value();
+    EXPECT_TRUE(waitFor([&] { return !timer.isActive(); })) << "finished";
+}
+
+TEST(Timer, StoppingAWaitingTimerCancelsTheCall)
+{
+    std::atomic<int> calls{0};
+    {
+        SCOPED_TRACE("stop()");
+        DTimer timer(0.03, [&] { ++calls; });
+        timer.stop();
+        std::this_thread::sleep_for(80ms);
+        EXPECT_EQ(calls, 0);
+    }
+    {
+        SCOPED_TRACE("destructor, without waiting for the delay");
+        const auto started = std::chrono::steady_clock::now();
+        {
+            DTimer timer(10.0, [&] { ++calls; });
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+        EXPECT_EQ(calls, 0);
+    }
+}
+
+TEST(Timer, StoppingDuringTheCallWaitsForItsEnd)
+{
+    std::promise<void> entered;
+    std::atomic<bool> finished{false};
+    DTimer timer(0.0, [&] {
+        entered.set_value();
+        std::this_thread::sleep_for(50ms);
+        finished = true;
+    });
+    ASSERT_EQ(entered.get_future().wait_for(5s), std::future_status::ready);
+    timer.stop();
+    EXPECT_TRUE(finished);
+}
+
+TEST(Timer, StartAgainReplacesTheEarlierCall)
+{
+    std::atomic<int> first{0}, second{0};
+    const auto started = std::chrono::steady_clock::now();
+    DTimer timer(0.05, [&] { ++first; });
+    timer.start(0.01, [&] { ++second; });
+    ASSERT_TRUE(waitFor([&] { return second == 1; }));
+    // Past the first call's time: it must not come.
+    std::this_thread::sleep_until(started + 120ms);
+    EXPECT_EQ(first, 0);
+
+    SCOPED_TRACE("a finished timer starts again on a new thread");
+    timer.start(0.0, [&] { ++second; });
+    EXPECT_TRUE(waitFor([&] { return second == 2; }));
+}
+
+TEST(Timer, CallsACopyOfTheCallback)
+{
+    std::atomic<int> original{0}, replaced{0};
+    std::function<void()> callback = [&] { ++original; };
+    DTimer timer(0.02, callback);
+    callback = [&] { ++replaced; };
+    ASSERT_TRUE(waitFor([&] { return !timer.isActive(); }));
+    EXPECT_EQ(original, 1);
+    EXPECT_EQ(replaced, 0);
+}
+
+TEST(TimerDeathTest, EmptyCallbackEndsTheProcessWhenDue)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            DTimer timer(0.0, std::function<void()>());
+            std::this_thread::sleep_for(5s);
+        },
+        "bad_function_call");
+}
