@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <memory>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -58,6 +59,21 @@ static void BM_Memcpy(benchmark::State& state)
     setBytes(state, bytes);
 }
 BENCHMARK(BM_Memcpy)->ArgsProduct({{0, 1}, {4, 8}})->ArgNames({"16M", "bytes"})->Unit(benchmark::kMillisecond);
+
+// The limit of an out-of-place operation: a fresh buffer of the result's size, written.
+static void BM_AllocateAndCopy(benchmark::State& state)
+{
+    const Layout layout = layoutOf(state);
+    const std::size_t bytes = static_cast<std::size_t>(layout.width) * layout.height * state.range(1);
+    std::vector<char> in(bytes, 1);
+    for (auto _ : state) {
+        std::unique_ptr<char[]> out(new char[bytes]);
+        std::memcpy(out.get(), in.data(), bytes);
+        benchmark::DoNotOptimize(out.get());
+    }
+    setBytes(state, bytes);
+}
+BENCHMARK(BM_AllocateAndCopy)->ArgsProduct({{0, 1}, {4, 8}})->ArgNames({"16M", "bytes"})->Unit(benchmark::kMillisecond);
 
 static void BM_AsTypeIntToFloat(benchmark::State& state)
 {

@@ -17,7 +17,7 @@ using Image = image::DBasicImage<image::StdAllocator>;
 void requireSameShape(const Image& a, const Image& b);
 
 template <Op op, class C, class Res, class A, class B>
-void combineLoop(const A* a, const B* b, Res* out, std::size_t n)
+NORVEXA_HOT_LOOP void combineLoop(const A* a, const B* b, Res* out, std::size_t n)
 {
     for (std::size_t i = 0; i < n; ++i)
         out[i] = store<Res>(apply<op, C>(static_cast<C>(a[i]), static_cast<C>(b[i])));
@@ -36,7 +36,7 @@ void combine(Op op, const A* a, const B* b, Res* out, std::size_t n)
 }
 
 template <Op op, class C, class Res, class A>
-void combineScalarLoop(const A* a, C value, Res* out, std::size_t n)
+NORVEXA_HOT_LOOP void combineScalarLoop(const A* a, C value, Res* out, std::size_t n)
 {
     for (std::size_t i = 0; i < n; ++i)
         out[i] = store<Res>(apply<op, C>(static_cast<C>(a[i]), value));

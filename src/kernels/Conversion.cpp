@@ -7,6 +7,15 @@
 #include <cstring>
 
 namespace norvexa {
+namespace kernels {
+template <class T, class S>
+NORVEXA_HOT_LOOP void convertLoop(const S* in, T* out, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        out[i] = convert<T>(in[i]);
+}
+} // namespace kernels
+
 namespace image {
 
 template <class Allocator>
@@ -23,10 +32,8 @@ DBasicImage<Allocator> DBasicImage<Allocator>::asType() const
         if constexpr (std::is_same_v<S, T>) {
             std::memcpy(result.data(), cdata(), n * sizeof(T));
         } else {
-            const S* in = reinterpret_cast<const S*>(cdata());
-            T* out = reinterpret_cast<T*>(result.data());
-            for (std::size_t i = 0; i < n; ++i)
-                out[i] = kernels::convert<T>(in[i]);
+            kernels::convertLoop(reinterpret_cast<const S*>(cdata()),
+                                 reinterpret_cast<T*>(result.data()), n);
         }
     });
     return result;
