@@ -42,7 +42,8 @@ inline void storeWord(unsigned char* p, std::uint32_t value)
     p[3] = static_cast<unsigned char>(value >> 24);
 }
 
-// The four round functions in forms that need the fewest dependent operations.
+// Round functions F, H and I in forms that need the fewest dependent operations; G is
+// folded into its step below.
 #define NORVEXA_MD5_F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
 #define NORVEXA_MD5_H(x, y, z) ((x) ^ (y) ^ (z))
 #define NORVEXA_MD5_I(x, y, z) ((y) ^ ((x) | ~(z)))

@@ -8,7 +8,7 @@ namespace datatypes {
 
 /// Type class of an element: how its bits are read, not how wide it is.
 /// The values are compared as numbers (a class of at least INT is signed or floating).
-enum Type { NONE = 0, BOOL = 1, CHAR = 2, UINT = 3, INT = 4, FLOAT = 5 };
+enum Type : int { NONE = 0, BOOL = 1, CHAR = 2, UINT = 3, INT = 4, FLOAT = 5 };
 
 /// "NONE", "BOOL", "CHAR", "UINT", "INT" or "FLOAT"; DNotImplementedException
 /// "Unknown data type" for anything else.
