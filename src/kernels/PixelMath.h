@@ -8,8 +8,9 @@
 #include <type_traits>
 
 /// Marks a per-pixel loop to be compiled twice, for AVX2 and for the baseline, with the
-/// choice made once when the library loads.
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__)) && !defined(NORVEXA_NO_CLONES)
+/// choice made once when the library loads. GCC only: clang refuses the attribute on
+/// templates.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(NORVEXA_NO_CLONES)
 #define NORVEXA_HOT_LOOP __attribute__((target_clones("avx2", "default")))
 #else
 #define NORVEXA_HOT_LOOP

@@ -3,7 +3,6 @@
 #include "foundation/DException.h"
 
 #include <cstdint>
-#include <cstring>
 
 #if defined(__x86_64__) || defined(__i386__)
 #define NORVEXA_BITSHUFFLE_X86 1
@@ -145,17 +144,19 @@ inline void splitPlanesSse2(const uint8_t* in, uint8_t (*planes)[128])
 {
     for (int q = 0; q < 8; ++q) {
         const uint8_t* src = in + 16 * S * q;
-        __m128i x[S], p[S];
-        for (int i = 0; i < S; ++i)
-            x[i] = load16(src + 16 * i);
+        // Loads one by one: a loop of them becomes a copy through the stack.
+        __m128i p[S];
         if constexpr (S == 2) {
-            deinterleave8(x[0], x[1], p[0], p[1]);
+            deinterleave8(load16(src), load16(src + 16), p[0], p[1]);
         } else if constexpr (S == 4) {
+            const __m128i x[4] = {load16(src), load16(src + 16), load16(src + 32), load16(src + 48)};
             splitBytes4(x, p);
         } else {
             __m128i a[4], b[4];
-            for (int i = 0; i < 4; ++i)
-                deinterleave32(x[2 * i], x[2 * i + 1], a[i], b[i]);
+            deinterleave32(load16(src), load16(src + 16), a[0], b[0]);
+            deinterleave32(load16(src + 32), load16(src + 48), a[1], b[1]);
+            deinterleave32(load16(src + 64), load16(src + 80), a[2], b[2]);
+            deinterleave32(load16(src + 96), load16(src + 112), a[3], b[3]);
             splitBytes4(a, p);
             splitBytes4(b, p + 4);
         }
@@ -171,19 +172,27 @@ void shuffleTileSse2(const uint8_t* in, uint8_t* out, size_t R, size_t g0)
     const uint8_t* tile = in + 8 * g0 * S;
     if constexpr (S > 1)
         splitPlanesSse2<S>(tile, planes);
+    // The tile's part of each bit row is gathered here and leaves in one wide store.
+    alignas(16) std::uint16_t rows[8 * S][8];
     for (int j = 0; j < S; ++j) {
         const uint8_t* plane = S == 1 ? tile : planes[j];
-        uint8_t* rows = out + 8 * j * R + g0;
         for (int m = 0; m < 8; ++m) {
-            __m128i v = load16(plane + 16 * m);
-            // The sign bits of 16 elements are 2 bytes of a bit row; doubling moves up the next bit.
-            for (int k = 7; k >= 0; --k) {
-                const std::uint16_t bits = std::uint16_t(_mm_movemask_epi8(v));
-                std::memcpy(rows + k * R + 2 * m, &bits, 2);
-                v = _mm_add_epi8(v, v);
-            }
+            // The sign bits of 16 elements are 2 bytes of a bit row; a shift by 7 - k brings
+            // up bit k. Shifted copies side by side rather than one chain of doublings.
+            const __m128i v = load16(plane + 16 * m);
+            std::uint16_t* r = rows[8 * j] + m;
+            r[7 * 8] = std::uint16_t(_mm_movemask_epi8(v));
+            r[6 * 8] = std::uint16_t(_mm_movemask_epi8(_mm_add_epi8(v, v)));
+            r[5 * 8] = std::uint16_t(_mm_movemask_epi8(_mm_slli_epi16(v, 2)));
+            r[4 * 8] = std::uint16_t(_mm_movemask_epi8(_mm_slli_epi16(v, 3)));
+            r[3 * 8] = std::uint16_t(_mm_movemask_epi8(_mm_slli_epi16(v, 4)));
+            r[2 * 8] = std::uint16_t(_mm_movemask_epi8(_mm_slli_epi16(v, 5)));
+            r[1 * 8] = std::uint16_t(_mm_movemask_epi8(_mm_slli_epi16(v, 6)));
+            r[0] = std::uint16_t(_mm_movemask_epi8(_mm_slli_epi16(v, 7)));
         }
     }
+    for (int r = 0; r < 8 * S; ++r)
+        store16(out + r * R + g0, _mm_load_si128(reinterpret_cast<const __m128i*>(rows[r])));
 }
 
 template <int S>
@@ -354,17 +363,18 @@ NORVEXA_AVX2 inline void splitPlanesAvx2(const uint8_t* in, uint8_t (*planes)[25
 {
     for (int q = 0; q < 8; ++q) {
         const uint8_t* src = in + 32 * S * q;
-        __m256i x[S], p[S];
-        for (int i = 0; i < S; ++i)
-            x[i] = load32(src + 32 * i);
+        __m256i p[S];
         if constexpr (S == 2) {
-            deinterleave8x256(x[0], x[1], p[0], p[1]);
+            deinterleave8x256(load32(src), load32(src + 32), p[0], p[1]);
         } else if constexpr (S == 4) {
+            const __m256i x[4] = {load32(src), load32(src + 32), load32(src + 64), load32(src + 96)};
             splitBytes4x256(x, p);
         } else {
             __m256i a[4], b[4];
-            for (int i = 0; i < 4; ++i)
-                deinterleave32x256(x[2 * i], x[2 * i + 1], a[i], b[i]);
+            deinterleave32x256(load32(src), load32(src + 32), a[0], b[0]);
+            deinterleave32x256(load32(src + 64), load32(src + 96), a[1], b[1]);
+            deinterleave32x256(load32(src + 128), load32(src + 160), a[2], b[2]);
+            deinterleave32x256(load32(src + 192), load32(src + 224), a[3], b[3]);
             splitBytes4x256(a, p);
             splitBytes4x256(b, p + 4);
         }
@@ -380,18 +390,27 @@ NORVEXA_AVX2 void shuffleTileAvx2(const uint8_t* in, uint8_t* out, size_t R, siz
     const uint8_t* tile = in + 8 * g0 * S;
     if constexpr (S > 1)
         splitPlanesAvx2<S>(tile, planes);
+    alignas(32) std::uint32_t rows[8 * S][8];
     for (int j = 0; j < S; ++j) {
         const uint8_t* plane = S == 1 ? tile : planes[j];
-        uint8_t* rows = out + 8 * j * R + g0;
         for (int m = 0; m < 8; ++m) {
-            __m256i v = load32(plane + 32 * m);
-            for (int k = 7; k >= 0; --k) {
-                const std::uint32_t bits = std::uint32_t(_mm256_movemask_epi8(v));
-                std::memcpy(rows + k * R + 4 * m, &bits, 4);
-                v = _mm256_add_epi8(v, v);
-            }
+            const __m256i v = load32(plane + 32 * m);
+            const __m256i v1 = _mm256_add_epi8(v, v), v2 = _mm256_slli_epi16(v, 2), v3 = _mm256_slli_epi16(v, 3);
+            const __m256i v4 = _mm256_slli_epi16(v, 4), v5 = _mm256_slli_epi16(v, 5), v6 = _mm256_slli_epi16(v, 6);
+            const __m256i v7 = _mm256_slli_epi16(v, 7);
+            std::uint32_t* r = rows[8 * j] + m;
+            r[7 * 8] = std::uint32_t(_mm256_movemask_epi8(v));
+            r[6 * 8] = std::uint32_t(_mm256_movemask_epi8(v1));
+            r[5 * 8] = std::uint32_t(_mm256_movemask_epi8(v2));
+            r[4 * 8] = std::uint32_t(_mm256_movemask_epi8(v3));
+            r[3 * 8] = std::uint32_t(_mm256_movemask_epi8(v4));
+            r[2 * 8] = std::uint32_t(_mm256_movemask_epi8(v5));
+            r[1 * 8] = std::uint32_t(_mm256_movemask_epi8(v6));
+            r[0] = std::uint32_t(_mm256_movemask_epi8(v7));
         }
     }
+    for (int r = 0; r < 8 * S; ++r)
+        store32(out + r * R + g0, _mm256_load_si256(reinterpret_cast<const __m256i*>(rows[r])));
 }
 
 template <int S>

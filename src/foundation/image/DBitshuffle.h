@@ -9,8 +9,7 @@ namespace image {
 ///
 /// A block of n elements (n a multiple of 8) of s bytes each becomes 8 * s bit rows of
 /// n / 8 bytes. Row 8 * j + k holds bit k of byte j of every element; element i sits at
-/// bit i % 8 of byte i / 8 of its row. The transposition is its own kind of inverse:
-/// bitunshuffle undoes bitshuffle.
+/// bit i % 8 of byte i / 8 of its row. bitunshuffle undoes bitshuffle.
 struct DBitshuffle {
     /// The instruction set a transposition runs on. PATH_AUTO takes the best one the
     /// processor offers; the others exist so that tests and benchmarks can compare them.

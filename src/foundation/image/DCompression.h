@@ -9,7 +9,7 @@ namespace image {
 /// The forms in which a container's buffer can hold its pixels. The values are fixed:
 /// they are compared with what a detector's stream says and passed to the HDF5 layer.
 struct DCompression {
-    enum FILTER {
+    enum FILTER : int {
         FILTER_NONE = -1,    ///< plain little-endian pixels ("<")
         FILTER_LZ4 = 0,      ///< a chunk in the framing of the HDF5 LZ4 filter ("lz4<")
         FILTER_BS16_LZ4 = 1, ///< a chunk of the HDF5 bitshuffle/LZ4 filter, 16-bit elements ("bs16-lz4<")
