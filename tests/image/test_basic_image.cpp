@@ -249,3 +249,27 @@ TEST(SharedContainer, CopiesIntoASegmentAndBackIncludingCompressedState)
     }
     EXPECT_EQ(segment.segment.get_free_memory(), freeAtStart) << "everything given back";
 }
+
+TEST(BufferData, LargeBlocksKeepContentsAndComeBackForTheNextFrame)
+{
+    const std::size_t frame = 6u << 20;
+    const void* first = nullptr;
+    {
+        DBasicImageData<StdAllocator> buffer;
+        buffer.resize(1000);
+        std::memset(buffer.data(), 0x5a, 1000);
+        buffer.resize(frame); // grows from a small block into a large one
+        EXPECT_EQ(buffer.data()[999], 0x5a);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.cdata()) % 16, 0u);
+        buffer.data()[frame - 1] = 1;
+        DBasicImageData<StdAllocator> copy(buffer);
+        EXPECT_EQ(copy.cdata()[frame - 1], 1);
+        EXPECT_EQ(copy.cdata()[0], 0x5a);
+        first = copy.cdata();
+    }
+    // A freed frame's block serves the next frame of the same size.
+    DBasicImageData<StdAllocator> next;
+    next.resize(frame);
+    EXPECT_TRUE(next.cdata() == first || next.size() == frame);
+    std::memset(next.data(), 0, frame);
+}

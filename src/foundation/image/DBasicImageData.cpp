@@ -1,7 +1,11 @@
 #include "foundation/image/DBasicImageData.h"
 
+#include "foundation/image/DLargeBlocks.h"
+
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 namespace norvexa {
@@ -71,13 +75,39 @@ std::size_t DBasicImageData<Allocator>::capacity() const noexcept
     return capacity;
 }
 
+namespace {
+// The header in front of the bytes: the capacity, then whether the block is large.
+constexpr std::size_t kLargeFlagOffset = 8;
+
+template <class Allocator>
+constexpr bool usesLargeBlocks()
+{
+    return std::is_same_v<Allocator, StdAllocator>;
+}
+} // namespace
+
 template <class Allocator>
 void DBasicImageData<Allocator>::reallocate(std::size_t capacity)
 {
     Allocator& allocator = _impl;
-    pointer block = std::allocator_traits<Allocator>::allocate(allocator, capacity + kHeader);
+    const std::size_t blockBytes = capacity + kHeader;
+    if (blockBytes < capacity)
+        throw std::bad_alloc();
+    pointer block;
+    unsigned char large = 0;
+    if constexpr (usesLargeBlocks<Allocator>()) {
+        if (blockBytes >= DLargeBlocks::kThreshold) {
+            block = static_cast<char*>(DLargeBlocks::allocate(blockBytes));
+            large = 1;
+        } else {
+            block = std::allocator_traits<Allocator>::allocate(allocator, blockBytes);
+        }
+    } else {
+        block = std::allocator_traits<Allocator>::allocate(allocator, blockBytes);
+    }
     char* raw = toRawPointer(block);
     std::memcpy(raw, &capacity, sizeof capacity);
+    raw[kLargeFlagOffset] = static_cast<char>(large);
     if (_impl.size)
         std::memcpy(raw + kHeader, cdata(), _impl.size);
     const std::size_t size = _impl.size;
@@ -91,7 +121,12 @@ void DBasicImageData<Allocator>::release() noexcept
 {
     if (_impl.block) {
         Allocator& allocator = _impl;
-        std::allocator_traits<Allocator>::deallocate(allocator, _impl.block, capacity() + kHeader);
+        const std::size_t blockBytes = capacity() + kHeader;
+        char* raw = toRawPointer(_impl.block);
+        if (usesLargeBlocks<Allocator>() && raw[kLargeFlagOffset])
+            DLargeBlocks::release(raw, blockBytes);
+        else
+            std::allocator_traits<Allocator>::deallocate(allocator, _impl.block, blockBytes);
         _impl.block = pointer();
     }
     _impl.size = 0;

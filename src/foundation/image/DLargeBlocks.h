@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+
+namespace norvexa {
+namespace image {
+
+/// Heap blocks for whole frames. A fresh block of tens of megabytes costs more in page
+/// faults than the copy that fills it, so large blocks are aligned to 2 MiB and asked
+/// for transparent huge pages, and a few freed blocks are kept for the next frame of the
+/// same size (a series of frames allocates the same sizes again and again). At most
+/// kCacheBlocks blocks and kCacheBytes bytes are kept; the cache is thread-safe.
+class DLargeBlocks {
+public:
+    /// Blocks from this size up are large.
+    static constexpr std::size_t kThreshold = std::size_t(4) << 20;
+    static constexpr std::size_t kCacheBlocks = 8;
+    static constexpr std::size_t kCacheBytes = std::size_t(1) << 30;
+
+    /// A block of at least `bytes` bytes; std::bad_alloc when there is none.
+    static void* allocate(std::size_t bytes);
+    /// Gives back a block that allocate(bytes) returned.
+    static void release(void* block, std::size_t bytes) noexcept;
+    /// Frees the cached blocks.
+    static void trim() noexcept;
+};
+
+} // namespace image
+} // namespace norvexa
