@@ -1,6 +1,8 @@
 #include "DBasicImageModule.h"
 
+#include "DBasicImageOptionalData.h"
 #include "foundation/DException.h"
+#include "foundation/nexus/DBasicNeXusTree.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -146,7 +148,6 @@ void DBasicImageModule<Allocator>::setVrf(double value)
         _dacValues[static_cast<std::size_t>(it - _dacNames.begin())] = value;
 }
 
-#if 0 // Needs the NeXus tree and the metadata's neXus(); enabled when they land.
 template <class Allocator>
 auto DBasicImageModule<Allocator>::neXusModule() const -> const NeXusNode*
 {
@@ -179,7 +180,6 @@ void DBasicImageModule<Allocator>::load_countrate_correction_lookup_table()
         // The table stays as far as it got.
     }
 }
-#endif
 
 template class DBasicImageModule<image::StdAllocator>;
 template class DBasicImageModule<image::ShmAllocator>;

@@ -87,7 +87,10 @@ public:
     void setVrf(double value);
 
     std::vector<int> countrate_correction_lookup_table() const { return _countrateTable; }
-    void set_countrate_correction_lookup_table(std::vector<int> table) { _countrateTable = std::move(table); }
+    void set_countrate_correction_lookup_table(std::vector<int> table)
+    {
+        _countrateTable = std::move(table);
+    }
     /// Reads the table from the module's node in the linked metadata's tree. Nothing
     /// without a link; a module without a node gets an empty table; a failure on the way
     /// is silent and leaves the table as far as it got.

@@ -58,10 +58,13 @@ constexpr bool kGapsOnly = std::is_same_v<T, bool> || std::is_same_v<T, unsigned
 template <class T>
 inline std::uint32_t defectMark(T v)
 {
-    if constexpr (std::is_floating_point_v<T>)
-        return (static_cast<unsigned>(v <= T(-2)) & static_cast<unsigned>(v > T(-3))) ? kDefective : kValid;
-    else
+    if constexpr (std::is_floating_point_v<T>) {
+        // Both comparisons, without a short circuit: a body without branches vectorises.
+        const unsigned minusTwo = static_cast<unsigned>(v <= T(-2)) & static_cast<unsigned>(v == T(-2));
+        return minusTwo ? kDefective : kValid;
+    } else {
         return static_cast<int>(v) == -2 ? kDefective : kValid;
+    }
 }
 
 /// 1 for a pixel that reads below -2.
@@ -111,6 +114,11 @@ unsigned markGapPixels(const T* __restrict in, std::uint32_t* __restrict out, st
     return below;
 }
 
+bool isGapRow(std::size_t y, const Family& family)
+{
+    return y % static_cast<std::size_t>(family.pitchY) >= static_cast<std::size_t>(family.moduleHeight);
+}
+
 /// Rows [y, height) with 1 in the gaps and 0 elsewhere, without reading the frame.
 void writeGapRows(std::uint32_t* mask, std::size_t width, std::size_t y, std::size_t height,
                   const Family& family)
@@ -119,7 +127,7 @@ void writeGapRows(std::uint32_t* mask, std::size_t width, std::size_t y, std::si
     const std::size_t pitchX = static_cast<std::size_t>(family.pitchX);
     for (; y < height; ++y) {
         std::uint32_t* out = mask + y * width;
-        if (y % static_cast<std::size_t>(family.pitchY) >= static_cast<std::size_t>(family.moduleHeight)) {
+        if (isGapRow(y, family)) {
             std::fill_n(out, width, kGap);
             continue;
         }
@@ -148,7 +156,7 @@ void writeMask(const T* pixels, std::uint32_t* mask, std::size_t width, std::siz
             const T* in = pixels + y * width;
             std::uint32_t* out = mask + y * width;
             unsigned below = 0;
-            if (y % static_cast<std::size_t>(family->pitchY) >= static_cast<std::size_t>(family->moduleHeight)) {
+            if (isGapRow(y, *family)) {
                 below = markGapPixels(in, out, width);
             } else {
                 for (std::size_t x = 0; x < width; x += pitchX) {
