@@ -1,7 +1,9 @@
 // A tour of the image core on a frame of real detector size: build a frame, read and
 // write pixels, convert it, correct it with a factor image, compress it as a detector
-// streams it and decode it again, and take its digest.
+// streams it and decode it again, and take its digest; then describe the frame with
+// metadata: the detector's module layout, its mask, and a few items of the exposure.
 
+#include "DDetector.h"
 #include "DGlobal.h"
 #include "DImage.h"
 #include "DMd5.h"
@@ -59,6 +61,53 @@ long long totalCounts(const DImage& frame)
     return total;
 }
 
+void describeWithMetadata(DImage& frame)
+{
+    // Two pixels that the detector reports as defective.
+    frame.setPixel<int>(1000, 1000, -2);
+    frame.setPixel<int>(5, 7, -2);
+
+    std::cout << "\nMetadata\n";
+    std::cout << "  the size " << frame.width() << " x " << frame.height() << " is "
+              << (DDetector::isBrennik(frame) ? "a Brennik" : DDetector::isOrvik(frame) ? "an Orvik" : "no known")
+              << " detector's\n";
+    auto& metadata = frame.optionalData();
+    metadata.set_modules(DDetector::modules(frame.width(), frame.height()));
+    auto start = std::chrono::steady_clock::now();
+    const DImage mask = DDetector::mask(frame);
+    const double maskMs = millisecondsSince(start);
+    metadata.set_pixel_mask(mask);
+    metadata.set_count_time(0.1f);
+    metadata.set_wavelength(0.9762f);
+    metadata.set_threshold_energy(6000.0f);
+    metadata.set_detector_number(std::string("E-32-0101"));
+
+    const auto modules = metadata.modules();
+    std::cout << "  " << (modules ? modules->size() : 0) << " modules";
+    if (modules && !modules->empty()) {
+        const auto& last = modules->back();
+        std::cout << "; the last, number " << last.moduleNumber() << ", at (" << last.geometry().left()
+                  << ", " << last.geometry().top() << ") of " << last.geometry().width() << " x "
+                  << last.geometry().height() << " with " << last.numberOfChips() << " chips";
+    }
+    std::cout << "\n";
+    std::size_t gaps = 0, defective = 0;
+    const unsigned int* m = reinterpret_cast<const unsigned int*>(metadata.pixel_mask()->cdata());
+    for (std::size_t i = 0; i < mask.size(); ++i) {
+        gaps += m[i] == 1;
+        defective += m[i] == 2;
+    }
+    std::cout << "  mask made in " << maskMs << " ms: " << gaps << " gap pixels, " << defective
+              << " defective pixels\n";
+    std::cout << "  count_time " << *metadata.count_time() << " s, wavelength " << std::setprecision(4)
+              << *metadata.wavelength() << " A, threshold " << std::setprecision(0)
+              << *metadata.threshold_energy() << " eV, detector " << *metadata.detector_number() << "\n";
+    std::cout << "  the tree holds " << metadata.neXus().size() << " nodes\n";
+    std::cout << std::setprecision(1) << "  a float copy keeps the metadata: count_time "
+              << *frame.asType<float>().optionalData().count_time() << " s; a sum of two frames has "
+              << ((frame + frame).optionalData().count_time() ? "some" : "none") << "\n";
+}
+
 } // namespace
 
 int main()
@@ -114,5 +163,7 @@ int main()
     md5.hash(reinterpret_cast<const unsigned char*>(frame.cdata()), frame.size() * frame.dataSize());
     std::cout << "MD5 of the frame's bytes: " << md5.toHex() << " (Base64 " << md5.toBase64()
               << ") in " << millisecondsSince(start) << " ms\n";
+
+    describeWithMetadata(frame);
     return equal ? 0 : 1;
 }
