@@ -60,7 +60,7 @@ inline std::uint32_t defectMark(T v)
 {
     if constexpr (std::is_floating_point_v<T>) {
         // Both comparisons, without a short circuit: a body without branches vectorises.
-        const unsigned minusTwo = static_cast<unsigned>(v <= T(-2)) & static_cast<unsigned>(v == T(-2));
+        const unsigned minusTwo = static_cast<unsigned>(v <= T(-2)) & static_cast<unsigned>(v > T(-3));
         return minusTwo ? kDefective : kValid;
     } else {
         return static_cast<int>(v) == -2 ? kDefective : kValid;

@@ -145,23 +145,12 @@ TEST(DetectorMask, PixelsAreReadAsInt)
         EXPECT_EQ(maskDiffers(DDetector::mask(frame), &kOrvik), "");
     }
     {
-        SCOPED_TRACE("uint64: the low 32 bits");
-        DImage frame = frameOf<unsigned long long>(487, 195, 1ULL << 40);
-        put(frame, 1, 1, ~1ULL);
-        put(frame, 2, 2, (1ULL << 32) - 2);
-        EXPECT_EQ(maskDiffers(DDetector::mask(frame), &kBrennik, {{1, 1}, {2, 2}}), "");
-    }
-    {
         SCOPED_TRACE("floating: truncated toward zero; NaN and values beyond int are no code");
         DImage frame = frameOf<float>(487, 195, -1.5f);
-        const float odd[] = {-2.0f, -2.5f, -2.999f, std::numeric_limits<float>::quiet_NaN(),
-                             std::numeric_limits<float>::infinity(), 3e9f};
-        for (int x = 0; x < 6; ++x)
+        const float odd[] = {-2.0f, -2.5f, -2.999f, std::numeric_limits<float>::quiet_NaN(), 3e9f};
+        for (int x = 0; x < 5; ++x)
             put(frame, x, 0, odd[x]);
         EXPECT_EQ(maskDiffers(DDetector::mask(frame), &kBrennik, {{0, 0}, {1, 0}, {2, 0}}), "");
-        put(frame, 7, 0, -3.0f);
-        EXPECT_EQ(maskDiffers(DDetector::mask(frame), &kBrennik), "");
-
         DImage doubles = frameOf<double>(487, 195, -2.0);
         put(doubles, 2, 0, -1e300);
         EXPECT_EQ(maskDiffers(DDetector::mask(doubles), &kBrennik), "");
@@ -170,30 +159,26 @@ TEST(DetectorMask, PixelsAreReadAsInt)
 
 TEST(DetectorMask, NoFamilyAndUnimplementedType)
 {
-    for (const auto& [width, height] : {std::make_pair(980, 407), std::make_pair(3, 2)}) {
-        SCOPED_TRACE(std::to_string(width) + " x " + std::to_string(height));
-        const DImage mask = DDetector::mask(frameOf<int>(width, height, -2));
-        EXPECT_EQ(mask.width(), width);
-        EXPECT_EQ(mask.height(), height);
-        EXPECT_EQ(maskDiffers(mask, nullptr), "");
-        EXPECT_THROW_MSG(DDetector::mask(DImage(width, height, datatypes::FLOAT, 2)),
+    const DImage mask = DDetector::mask(frameOf<int>(980, 407, -2));
+    EXPECT_EQ(mask.width(), 980);
+    EXPECT_EQ(mask.height(), 407);
+    EXPECT_EQ(maskDiffers(mask, nullptr), "");
+    EXPECT_TRUE(DDetector::mask(DImage()).empty());
+    for (int width : {487, 10}) {
+        SCOPED_TRACE(width);
+        EXPECT_THROW_MSG(DDetector::mask(DImage(width, 195, datatypes::FLOAT, 2)),
                          DNotImplementedException, "Missing implementation for type FLOAT of size 16");
     }
-    EXPECT_THROW_MSG(DDetector::mask(DImage(487, 195, datatypes::FLOAT, 2)),
-                     DNotImplementedException, "Missing implementation for type FLOAT of size 16");
-    EXPECT_TRUE(DDetector::mask(DImage()).empty());
 }
 
 TEST(DetectorModules, OrderNumbersAndChips)
 {
     const std::vector<DImageModule> brennik = DDetector::modules(981, 407);
     ASSERT_EQ(brennik.size(), 4u);
-    const DRect places[] = {DRect(0, 0, 487, 195), DRect(494, 0, 487, 195),
-                            DRect(0, 212, 487, 195), DRect(494, 212, 487, 195)};
-    const int numbers[] = {0, 2, 1, 3}; // down the columns
+    const int lefts[] = {0, 494, 0, 494}, tops[] = {0, 0, 212, 212}, numbers[] = {0, 2, 1, 3};
     for (std::size_t i = 0; i < 4; ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(brennik[i].geometry(), places[i]);
+        EXPECT_EQ(brennik[i].geometry(), DRect(lefts[i], tops[i], 487, 195));
         EXPECT_EQ(brennik[i].moduleNumber(), numbers[i]);
         EXPECT_EQ(brennik[i].numberOfChips(), 16);
     }
@@ -202,20 +187,10 @@ TEST(DetectorModules, OrderNumbersAndChips)
 
     const std::vector<DImageModule> orvik = DDetector::modules(1030, 514);
     ASSERT_EQ(orvik.size(), 2u);
-    EXPECT_EQ(orvik[0].geometry(), DRect(0, 0, 1030, 257));
-    EXPECT_EQ(orvik[1].geometry(), DRect(0, 257, 1030, 257));
-    EXPECT_EQ(orvik[0].moduleNumber(), 0);
-    EXPECT_EQ(orvik[1].moduleNumber(), 1);
     EXPECT_EQ(orvik[0].absoluteChipGeometry(3), DRect(774, 0, 256, 256));
+    EXPECT_EQ(orvik[1].geometry(), DRect(0, 257, 1030, 257));
+    EXPECT_EQ(orvik[1].moduleNumber(), 1);
     EXPECT_EQ(orvik[1].absoluteChipGeometry(3), DRect(774, 258, 256, 256));
-
-    // Two columns of four half modules: entry r * 2 + c, number r + c * 4.
-    const std::vector<DImageModule> twoByTwo = DDetector::modules(2070, 1065);
-    ASSERT_EQ(twoByTwo.size(), 8u);
-    EXPECT_EQ(twoByTwo[3].geometry(), DRect(1040, 257, 1030, 257));
-    EXPECT_EQ(twoByTwo[3].moduleNumber(), 5);
-    EXPECT_EQ(twoByTwo[6].geometry(), DRect(0, 551 + 257, 1030, 257));
-    EXPECT_EQ(twoByTwo[6].moduleNumber(), 3);
 
     EXPECT_TRUE(DDetector::modules(488, 195).empty());
 }

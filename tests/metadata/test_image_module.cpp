@@ -95,26 +95,18 @@ TEST(ImageModule, Chips)
 TEST(ImageModule, DACsAndVrf)
 {
     DImageModule module;
+    module.addDAC("vthr", 9);
     module.setVrf(-0.15);
     module.setVrf(0.25);
-    ASSERT_EQ(module.numberOfDACs(), 1) << "the second setVrf changes the first in place";
-    EXPECT_EQ(module.dacName(0), module.vrfName());
-    EXPECT_EQ(module.vrfName(), "vrfp");
+    EXPECT_EQ(dacNames(module), (std::vector<std::string>{"vthr", "vrfp"})) << "setVrf adds one";
     EXPECT_EQ(module.vrf(), 0.25);
-
-    DImageModule twice;
-    twice.addDAC("vthr", 9);
-    twice.addDAC("vrfp", 1);
-    twice.addDAC("vrfp", 2);
-    EXPECT_EQ(twice.numberOfDACs(), 3) << "addDAC does not look for a DAC of the same name";
-    EXPECT_EQ(twice.vrf(), 1.0);
-    twice.setVrf(3);
-    EXPECT_EQ(twice.dacValue(1), 3.0) << "setVrf changes the first vrfp";
-    EXPECT_EQ(twice.dacValue(2), 2.0);
+    module.addDAC("vrfp", 2);
+    EXPECT_EQ(module.numberOfDACs(), 3) << "addDAC does not look for a DAC of the same name";
+    EXPECT_EQ(module.vrf(), 0.25) << "the first vrfp counts";
     for (int i : {-1, 3}) {
         SCOPED_TRACE(i);
-        EXPECT_THROW_MSG(twice.dacName(i), DOutOfRangeException, kNoSuchDAC);
-        EXPECT_THROW_MSG(twice.dacValue(i), DOutOfRangeException, kNoSuchDAC);
+        EXPECT_THROW_MSG(module.dacName(i), DOutOfRangeException, kNoSuchDAC);
+        EXPECT_THROW_MSG(module.dacValue(i), DOutOfRangeException, kNoSuchDAC);
     }
 }
 
@@ -124,17 +116,14 @@ TEST(ImageModule, AssignmentAppendsDACs)
     const DImageModule source = build();
     DImageModule target(DRect(1, 2, 3, 4), chipRow(5), 1);
     target.setVrf(0.5);
-    target.set_countrate_correction_lookup_table({9});
     target = source;
     EXPECT_EQ(dacNames(target), (std::vector<std::string>{"vrfp", "vcmp", "vrfp"}));
     EXPECT_EQ(target.vrf(), 0.5) << "vrf finds the target's old value first";
-    EXPECT_FALSE(target == source) << "the extra DAC makes them differ";
 
     DImageModule noDACs(DRect(), chipRow(5), 0);
     noDACs = source;
     EXPECT_TRUE(noDACs == source) << "the target's chips beyond the source's count are stale, "
                                      "and not compared";
-    EXPECT_EQ(noDACs.countrate_correction_lookup_table(), source.countrate_correction_lookup_table());
 
     DImageModule self = build();
     const DImageModule& alias = self;
@@ -146,9 +135,7 @@ TEST(ImageModule, AssignmentAppendsDACs)
     fromTemporary = build(); // an rvalue goes the same way
     EXPECT_EQ(fromTemporary.numberOfDACs(), 3);
 
-    const DImageModule copy(source);
-    EXPECT_TRUE(copy == source);
-    EXPECT_EQ(copy.numberOfDACs(), 2);
+    EXPECT_EQ(DImageModule(source).numberOfDACs(), 2) << "a copy is a plain copy";
 }
 
 TEST(ImageModule, EqualityComparesAllButTheLink)
@@ -198,13 +185,13 @@ TEST(ImageModule, NodeAndTableFromTheLinkedTree)
             .setValue(table[0], 5);
     metadata.neXus().newPath(std::string(kModules) + "detectorModule_009", nexus::NeXusGroup);
 
-    for (int number : {7, 1234}) {
-        SCOPED_TRACE(number);
+    for (const auto& [number, name] : {std::make_pair(7, "detectorModule_007"),
+                                       std::make_pair(1234, "detectorModule_1234")}) {
+        SCOPED_TRACE(name);
         DImageModule module(DRect(), {}, number);
         module.setOptionalData(&metadata);
         ASSERT_NE(module.neXusModule(), nullptr);
-        EXPECT_EQ(module.neXusModule()->path(),
-                  std::string(kModules) + (number == 7 ? "detectorModule_007" : "detectorModule_1234"));
+        EXPECT_EQ(module.neXusModule()->path(), kModules + std::string(name));
         module.load_countrate_correction_lookup_table();
         EXPECT_EQ(module.countrate_correction_lookup_table(), std::vector<int>(table, table + 5));
     }
@@ -226,27 +213,15 @@ TEST(ImageModule, NodeAndTableFromTheLinkedTree)
     EXPECT_EQ(noNode.neXusModule(), nullptr);
     noNode.load_countrate_correction_lookup_table();
     EXPECT_TRUE(noNode.countrate_correction_lookup_table().empty()) << "no node: no table";
-
-    // The way modules come back from a file: renumbered, linked, the table left in the tree.
-    DImageOptionalData written;
-    written.set_modules(std::vector<DImageModule>{build()});
-    std::vector<DImageModule> read = *written.modules();
-    ASSERT_EQ(read.size(), 1u);
-    EXPECT_TRUE(read[0].countrate_correction_lookup_table().empty());
-    read[0].load_countrate_correction_lookup_table();
-    EXPECT_EQ(read[0].countrate_correction_lookup_table(), build().countrate_correction_lookup_table());
 }
 
 // The shared-memory instantiation behaves alike; only its link type differs.
 TEST(ImageModule, SharedMemoryInstantiation)
 {
-    using ShmModule = DBasicImageModule<image::ShmAllocator>;
-    ShmModule module(DRect(100, 0, 1030, 257), chipRow(4, 1), 3);
+    DBasicImageModule<image::ShmAllocator> module(DRect(100, 0, 1030, 257), chipRow(4, 1), 3), copy;
     module.addDAC("vrfp", 1);
-    ShmModule copy(module);
-    EXPECT_TRUE(copy == module);
     copy = module;
-    EXPECT_EQ(copy.numberOfDACs(), 2);
+    EXPECT_TRUE(copy == module);
     EXPECT_EQ(copy.absoluteChipGeometry(1), DRect(161, 1, 60, 97));
     EXPECT_THROW_MSG(copy.setChips(chipRow(17)), DOutOfRangeException, kTooManyChips);
 }
