@@ -112,30 +112,23 @@ DBasicNeXusTree<Allocator>::copyNode(const DBasicNeXusNode<OtherAllocator>& sour
                 static_cast<const DBasicNeXusData<OtherAllocator>&>(source).data(), allocator);
             static_cast<Data&>(target).data().swap(value);
         }
-        for (const auto& entry : source._attributes) {
-            const auto& attribute = *DBasicNeXusNode<OtherAllocator>::raw(entry.second);
-            NodePointer copy = copyNode(attribute, allocator, node);
-            try {
-                target._attributes.emplace_hint(
-                    target._attributes.end(),
-                    Node::makeName(allocator, {entry.first.cdata(), entry.first.size()}), copy);
-            } catch (...) {
-                Node::destroy(copy);
-                throw;
+        // Attributes and children alike: copied one by one, each owned by the map at once.
+        const auto copyEntries = [&](const auto& from, typename Node::ChildMap& into) {
+            for (const auto& entry : from) {
+                const auto& child = *DBasicNeXusNode<OtherAllocator>::raw(entry.second);
+                NodePointer copy = copyNode(child, allocator, node);
+                try {
+                    into.emplace_hint(into.end(),
+                                      Node::makeName(allocator, {entry.first.cdata(), entry.first.size()}),
+                                      copy);
+                } catch (...) {
+                    Node::destroy(copy);
+                    throw;
+                }
             }
-        }
-        for (const auto& entry : source._children) {
-            const auto& child = *DBasicNeXusNode<OtherAllocator>::raw(entry.second);
-            NodePointer copy = copyNode(child, allocator, node);
-            try {
-                target._children.emplace_hint(
-                    target._children.end(),
-                    Node::makeName(allocator, {entry.first.cdata(), entry.first.size()}), copy);
-            } catch (...) {
-                Node::destroy(copy);
-                throw;
-            }
-        }
+        };
+        copyEntries(source._attributes, target._attributes);
+        copyEntries(source._children, target._children);
     } catch (...) {
         Node::destroy(node);
         throw;
