@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
-#include <sys/mman.h>
 #include <vector>
 
 namespace norvexa {
@@ -11,6 +10,7 @@ namespace image {
 
 namespace {
 
+// Sizes are rounded to 2 MiB so that frames of nearly the same size share cached blocks.
 constexpr std::size_t kHugePage = std::size_t(2) << 20;
 
 std::size_t rounded(std::size_t bytes) { return (bytes + kHugePage - 1) / kHugePage * kHugePage; }
@@ -47,9 +47,6 @@ void* DLargeBlocks::allocate(std::size_t bytes)
     void* block = nullptr;
     if (size < bytes || posix_memalign(&block, kHugePage, size) != 0)
         throw std::bad_alloc();
-#ifdef MADV_HUGEPAGE
-    ::madvise(block, size, MADV_HUGEPAGE); // advice only: without huge pages all still works
-#endif
     return block;
 }
 

@@ -6,10 +6,11 @@ namespace norvexa {
 namespace image {
 
 /// Heap blocks for whole frames. A fresh block of tens of megabytes costs more in page
-/// faults than the copy that fills it, so large blocks are aligned to 2 MiB and asked
-/// for transparent huge pages, and a few freed blocks are kept for the next frame of the
-/// same size (a series of frames allocates the same sizes again and again). At most
-/// kCacheBlocks blocks and kCacheBytes bytes are kept; the cache is thread-safe.
+/// faults than the copy that fills it, so a few freed blocks are kept for the next frame
+/// of the same size (a series of frames allocates the same sizes again and again).
+/// Blocks are 2 MiB aligned and sized. At most kCacheBlocks blocks and kCacheBytes bytes
+/// are kept; the cache is thread-safe. (Transparent huge pages were tried and left out:
+/// with the kernel's compaction on demand a first touch stalled up to four times longer.)
 class DLargeBlocks {
 public:
     /// Blocks from this size up are large.
