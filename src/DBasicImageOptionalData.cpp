@@ -241,6 +241,12 @@ NORVEXA_METADATA_ITEMS(NORVEXA_METADATA_ITEM_DEFINITION)
 #undef NORVEXA_METADATA_ITEM_DEFINITION
 
 template <class Allocator>
+const std::string& DBasicImageOptionalData<Allocator>::pixelMaskPath()
+{
+    return kPixelMask;
+}
+
+template <class Allocator>
 boost::optional<DImage> DBasicImageOptionalData<Allocator>::pixel_mask() const
 {
     const nexus::DBasicNeXusNode<Allocator>* node;
@@ -261,7 +267,12 @@ void DBasicImageOptionalData<Allocator>::set_pixel_mask(boost::optional<DImage> 
         _neXus.root().eraseChild(kPixelMask);
         return;
     }
-    image::DBasicImage<Allocator> stored(mask->imageData().template asType<unsigned int>(), _allocator);
+    // One copy or one conversion of a frame-sized mask, never both.
+    const DBasicImage& source = mask->constImageData();
+    image::DBasicImage<Allocator> stored =
+        source.type() == datatypes::UINT && source.typeBits() == 32
+            ? image::DBasicImage<Allocator>(source, _allocator)
+            : image::DBasicImage<Allocator>(source.template asType<unsigned int>(), _allocator);
     auto& data = dataAt(_neXus, kPixelMask);
     data.data().swap(stored);
     setUnit(data, "");

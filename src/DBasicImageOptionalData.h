@@ -98,6 +98,8 @@ public:
     NORVEXA_METADATA_ITEMS(NORVEXA_METADATA_ITEM_DECLARATION)
 #undef NORVEXA_METADATA_ITEM_DECLARATION
 
+    /// Where the mask lies in the tree: "/entry/instrument/detector/detectorSpecific/pixel_mask".
+    static const std::string& pixelMaskPath();
     /// The mask at ".../detectorSpecific/pixel_mask" as it is stored (UINT 32 when set
     /// here); absent when missing. A group at the path raises DRuntimeException.
     boost::optional<DImage> pixel_mask() const;

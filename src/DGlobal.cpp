@@ -1,5 +1,9 @@
 #include "DGlobal.h"
 
+#include "DCbfReader.h"
+#include "DEdfReader.h"
+#include "DTifReader.h"
+
 #include "foundation/DException.h"
 
 #include <cmath>
@@ -46,6 +50,21 @@ void forwardException(const std::exception& e)
     if (const DException* base = dynamic_cast<const DException*>(&e))
         throw DException(base->what()); // narrowed on purpose: the text survives, the class doesn't
     throw std::exception();
+}
+
+void readImage(DImage& image, const char* fileName, int timeout)
+{
+    const std::string name = fileName ? fileName : "";
+    const std::size_t dot = name.rfind('.');
+    const std::string ending = dot == std::string::npos ? std::string() : name.substr(dot);
+    if (ending == ".cbf")
+        DCbfReader(fileName, timeout).readData(image, nullptr);
+    else if (ending == ".tif")
+        DTifReader(fileName, timeout).readData(image, nullptr);
+    else if (ending == ".edf")
+        DEdfReader(fileName, timeout).readData(image, nullptr);
+    else
+        throw DUnknownFormatException("Format of " + name + " not supported.");
 }
 
 } // namespace imglib

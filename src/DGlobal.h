@@ -6,6 +6,8 @@
 namespace norvexa {
 namespace imglib {
 
+class DImage;
+
 /// The library's version, "3.2.0".
 std::string version();
 int versionMajor();
@@ -21,6 +23,12 @@ int round(double x);
 /// be raised again with its type. Other classes of the tree come out as DException with
 /// their text; anything else as a plain std::exception, without its text.
 [[noreturn]] void forwardException(const std::exception& e);
+
+/// Reads one file into `image` with its metadata, the reader chosen by the name's ending
+/// alone, case-sensitively: ".cbf", ".tif" or ".edf". DUnknownFormatException "Format of
+/// <name> not supported." for any other ending or none; the readers' failures pass
+/// through. The time-out is handed to the reader, which does not use it.
+void readImage(DImage& image, const char* fileName, int timeout);
 
 } // namespace imglib
 } // namespace norvexa

@@ -66,6 +66,8 @@ public:
     const char* data(int x, int y) const noexcept { return cdata() + byteOffset(x, y); }
     char* data(int x, int y) noexcept { return data() + byteOffset(x, y); }
     DBasicImage imageData() const { return _imageData; }
+    /// The container itself, without the copy that imageData() makes.
+    const DBasicImage& constImageData() const noexcept { return _imageData; }
 
     /// The container's resize2D; the pixel type stays, the contents don't.
     void resize(int width, int height);

@@ -1,0 +1,9 @@
+#include "DAbstractImageIterator.h"
+
+namespace norvexa {
+namespace imglib {
+
+DAbstractImageIterator::~DAbstractImageIterator() = default;
+
+} // namespace imglib
+} // namespace norvexa
