@@ -180,7 +180,7 @@ void DAbstractImageReader::readData(DImage& image, const DImageOptionalData* opt
         readHeaderData(metadata);
         readRawHeader(metadata);
     }
-    if (!metadata.pixel_mask())
+    if (!metadata.pixelMaskSize())
         metadata.set_pixel_mask(DDetector::mask(image));
     image.setOptionalData(std::move(metadata));
     image.optionalData().setImageDescription(_fileName);

@@ -261,6 +261,19 @@ boost::optional<DImage> DBasicImageOptionalData<Allocator>::pixel_mask() const
 }
 
 template <class Allocator>
+boost::optional<std::pair<unsigned long, unsigned long>> DBasicImageOptionalData<Allocator>::pixelMaskSize() const
+{
+    const nexus::DBasicNeXusNode<Allocator>* node;
+    try {
+        node = &_neXus.at(kPixelMask);
+    } catch (const DOutOfRangeException&) {
+        return boost::none;
+    }
+    const auto& shape = node->asData().data().shape();
+    return std::make_pair(shape.size() > 0 ? shape[0] : 0UL, shape.size() > 1 ? shape[1] : 0UL);
+}
+
+template <class Allocator>
 void DBasicImageOptionalData<Allocator>::set_pixel_mask(boost::optional<DImage> mask)
 {
     if (!mask) {

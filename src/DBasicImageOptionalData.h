@@ -103,6 +103,9 @@ public:
     /// The mask at ".../detectorSpecific/pixel_mask" as it is stored (UINT 32 when set
     /// here); absent when missing. A group at the path raises DRuntimeException.
     boost::optional<DImage> pixel_mask() const;
+    /// Whether there is a mask, and its width and height, read in place without the copy
+    /// that pixel_mask() makes; a group at the path raises as pixel_mask() does.
+    boost::optional<std::pair<unsigned long, unsigned long>> pixelMaskSize() const;
     /// Stores the mask converted to UINT 32; absent erases it.
     void set_pixel_mask(boost::optional<DImage> mask);
 

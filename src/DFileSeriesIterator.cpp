@@ -171,8 +171,9 @@ public:
         }
         DImage image;
         reader->readData(image, _metadata.get());
-        const auto mask = image.optionalData().pixel_mask();
-        if (!mask || mask->width() != image.width() || mask->height() != image.height())
+        const auto mask = image.optionalData().pixelMaskSize();
+        if (!mask || mask->first != static_cast<unsigned long>(image.width()) ||
+            mask->second != static_cast<unsigned long>(image.height()))
             image.optionalData().set_pixel_mask(DDetector::mask(image));
         _metadata = std::make_unique<DImageOptionalData>(image.optionalData());
         return image;

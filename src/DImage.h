@@ -60,11 +60,11 @@ public:
     int width() const noexcept;
     int height() const noexcept;
     const char* data() const noexcept { return _imageData.cdata(); }
-    char* data() noexcept { return _imageData.data(); }
+    char* data() { return _imageData.data(); }
     const char* cdata() const noexcept { return _imageData.cdata(); }
     /// Pixel (x, y), with the index `width * y + x` as a 32-bit int. No bounds test.
     const char* data(int x, int y) const noexcept { return cdata() + byteOffset(x, y); }
-    char* data(int x, int y) noexcept { return data() + byteOffset(x, y); }
+    char* data(int x, int y) { return data() + byteOffset(x, y); }
     DBasicImage imageData() const { return _imageData; }
     /// The container itself, without the copy that imageData() makes.
     const DBasicImage& constImageData() const noexcept { return _imageData; }

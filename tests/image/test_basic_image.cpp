@@ -275,3 +275,40 @@ TEST(BufferData, LargeBlocksKeepContentsAndComeBackForTheNextFrame)
     EXPECT_EQ(next.cdata(), first);
     std::memset(next.data(), 0, frame);
 }
+
+TEST(BufferData, CopiesShareUntilAWritablePointerIsAskedFor)
+{
+    DBasicImageData<StdAllocator> source;
+    {
+        DBasicImageData<StdAllocator> filler;
+        filler.resize(4);
+        std::memcpy(filler.data(), "abcd", 4);
+        source = DBasicImageData<StdAllocator>(filler, StdAllocator()); // a copy of a written block: its own
+    }
+    ASSERT_EQ(std::string(source.cdata(), 4), "abcd");
+    DBasicImageData<StdAllocator> copy(source);
+    EXPECT_EQ(copy.cdata(), source.cdata()) << "shared while nobody writes";
+    DBasicImageData<StdAllocator> assigned;
+    assigned = copy;
+    EXPECT_EQ(assigned.cdata(), source.cdata());
+
+    copy.data()[0] = 'X';
+    EXPECT_NE(copy.cdata(), source.cdata()) << "the writer got its own block";
+    EXPECT_EQ(std::string(source.cdata(), 4), "abcd");
+    EXPECT_EQ(std::string(assigned.cdata(), 4), "abcd");
+    EXPECT_EQ(std::string(copy.cdata(), 4), "Xbcd");
+
+    // Once a writable pointer is out, copies are real copies: the pointer may still be used.
+    char* kept = copy.data();
+    DBasicImageData<StdAllocator> later(copy);
+    EXPECT_NE(later.cdata(), copy.cdata());
+    kept[1] = 'Y';
+    EXPECT_EQ(std::string(later.cdata(), 4), "Xbcd");
+
+    // Images built on shared buffers keep value semantics through every path.
+    Image base = ramp(16, 4);
+    const Image viaTree(base, StdAllocator());
+    Image second(viaTree);
+    reinterpret_cast<unsigned int*>(second.data())[0] = 12345u;
+    EXPECT_NE(reinterpret_cast<const unsigned int*>(viaTree.cdata())[0], 12345u);
+}

@@ -107,7 +107,8 @@ public:
     unsigned long typeBits() const noexcept { return _typeBits; }
     /// Bytes of the buffer in use: the plain length, or the chunk's length when compressed.
     std::size_t usedBytes() const noexcept { return _data.size(); }
-    char* data() noexcept { return _data.data(); }
+    /// Writable: unshares a shared buffer first.
+    char* data() { return _data.data(); }
     const char* data() const noexcept { return _data.cdata(); }
     const char* cdata() const noexcept { return _data.cdata(); }
     FILTER filter() const noexcept { return _filter; }

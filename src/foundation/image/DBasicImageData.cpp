@@ -3,6 +3,7 @@
 #include "foundation/image/DLargeBlocks.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -10,6 +11,30 @@
 
 namespace norvexa {
 namespace image {
+
+namespace {
+// The header in front of the bytes: the capacity (8 bytes); whether the block is large
+// (byte 8); whether a writable pointer to it was handed out (byte 9); and, in the heap
+// form, how many handles share it (bytes 12 to 15).
+constexpr std::size_t kLargeFlagOffset = 8;
+constexpr std::size_t kLeakedFlagOffset = 9;
+constexpr std::size_t kCountOffset = 12;
+
+template <class Allocator>
+constexpr bool usesLargeBlocks()
+{
+    return std::is_same_v<Allocator, StdAllocator>;
+}
+
+/// Only heap buffers are shared between copies; a segment's are always copied.
+template <class Allocator>
+constexpr bool sharesBlocks()
+{
+    return std::is_same_v<Allocator, StdAllocator>;
+}
+
+std::uint32_t* countOf(char* raw) { return reinterpret_cast<std::uint32_t*>(raw + kCountOffset); }
+} // namespace
 
 template <class Allocator>
 DBasicImageData<Allocator>::DBasicImageData(const Allocator& allocator) : _impl(allocator)
@@ -20,14 +45,16 @@ template <class Allocator>
 DBasicImageData<Allocator>::DBasicImageData(const DBasicImageData& other)
     : _impl(static_cast<const Allocator&>(other._impl))
 {
-    assignBytes(other.cdata(), other.size());
+    if (!share(other))
+        assignBytes(other.cdata(), other.size());
 }
 
 template <class Allocator>
 DBasicImageData<Allocator>::DBasicImageData(const DBasicImageData& other, const Allocator& allocator)
     : _impl(allocator)
 {
-    assignBytes(other.cdata(), other.size());
+    if (!share(other))
+        assignBytes(other.cdata(), other.size());
 }
 
 template <class Allocator>
@@ -46,8 +73,14 @@ DBasicImageData<Allocator>::~DBasicImageData()
 template <class Allocator>
 DBasicImageData<Allocator>& DBasicImageData<Allocator>::operator=(const DBasicImageData& other)
 {
-    if (this != &other)
-        assignBytes(other.cdata(), other.size());
+    if (this != &other) {
+        if (canShare(other)) {
+            DBasicImageData copy(other);
+            swap(copy);
+        } else {
+            assignBytes(other.cdata(), other.size());
+        }
+    }
     return *this;
 }
 
@@ -75,16 +108,6 @@ std::size_t DBasicImageData<Allocator>::capacity() const noexcept
     return capacity;
 }
 
-namespace {
-// The header in front of the bytes: the capacity, then whether the block is large.
-constexpr std::size_t kLargeFlagOffset = 8;
-
-template <class Allocator>
-constexpr bool usesLargeBlocks()
-{
-    return std::is_same_v<Allocator, StdAllocator>;
-}
-} // namespace
 
 template <class Allocator>
 void DBasicImageData<Allocator>::reallocate(std::size_t capacity)
@@ -108,6 +131,8 @@ void DBasicImageData<Allocator>::reallocate(std::size_t capacity)
     char* raw = toRawPointer(block);
     std::memcpy(raw, &capacity, sizeof capacity);
     raw[kLargeFlagOffset] = static_cast<char>(large);
+    raw[kLeakedFlagOffset] = 0;
+    *countOf(raw) = 1;
     if (_impl.size)
         std::memcpy(raw + kHeader, cdata(), _impl.size);
     const std::size_t size = _impl.size;
@@ -123,6 +148,11 @@ void DBasicImageData<Allocator>::release() noexcept
         Allocator& allocator = _impl;
         const std::size_t blockBytes = capacity() + kHeader;
         char* raw = toRawPointer(_impl.block);
+        if (sharesBlocks<Allocator>() && __atomic_sub_fetch(countOf(raw), 1, __ATOMIC_ACQ_REL) > 0) {
+            _impl.block = pointer(); // still in use by another handle
+            _impl.size = 0;
+            return;
+        }
         if (usesLargeBlocks<Allocator>() && raw[kLargeFlagOffset])
             DLargeBlocks::release(raw, blockBytes);
         else
@@ -133,14 +163,59 @@ void DBasicImageData<Allocator>::release() noexcept
 }
 
 template <class Allocator>
+bool DBasicImageData<Allocator>::canShare(const DBasicImageData& other) const noexcept
+{
+    if constexpr (sharesBlocks<Allocator>()) {
+        return other._impl.block && !toRawPointer(other._impl.block)[kLeakedFlagOffset];
+    } else {
+        return false;
+    }
+}
+
+template <class Allocator>
+bool DBasicImageData<Allocator>::share(const DBasicImageData& other) noexcept
+{
+    if (!canShare(other))
+        return false;
+    __atomic_add_fetch(countOf(toRawPointer(other._impl.block)), 1, __ATOMIC_RELAXED);
+    _impl.block = other._impl.block;
+    _impl.size = other._impl.size;
+    return true;
+}
+
+template <class Allocator>
+bool DBasicImageData<Allocator>::shared() const noexcept
+{
+    if constexpr (sharesBlocks<Allocator>()) {
+        return _impl.block &&
+               __atomic_load_n(countOf(toRawPointer(_impl.block)), __ATOMIC_ACQUIRE) > 1;
+    } else {
+        return false;
+    }
+}
+
+template <class Allocator>
+char* DBasicImageData<Allocator>::writableData()
+{
+    if (!_impl.block)
+        return nullptr;
+    if (shared())
+        reallocate(capacity());
+    char* raw = toRawPointer(_impl.block);
+    // A writable pointer may be kept: from now on copies of this block are real copies.
+    raw[kLeakedFlagOffset] = 1;
+    return raw + kHeader;
+}
+
+template <class Allocator>
 void DBasicImageData<Allocator>::assignBytes(const char* bytes, std::size_t n)
 {
-    if (n > capacity()) {
+    if (n > capacity() || shared()) {
         _impl.size = 0; // nothing worth copying into the new block
         reallocate(n);
     }
     if (n)
-        std::memmove(data(), bytes, n);
+        std::memmove(toRawPointer(_impl.block) + kHeader, bytes, n);
     _impl.size = n;
 }
 

@@ -16,8 +16,13 @@ namespace image {
 /// directly. In the shared form the pointer is an offset pointer and the block lies in
 /// the segment.
 ///
-/// Copies are deep: a buffer is never shared between two handles, so `data()` and
-/// `cdata()` never allocate. `data()` is null while nothing has been allocated.
+/// Copies are values. In the heap form a copy shares the block until one of the handles
+/// asks for a writable pointer (`data()`), which first gives that handle a block of its
+/// own; `cdata()` and the const `data()` never unshare or allocate. A block whose
+/// writable pointer was handed out is copied, not shared, from then on, since the
+/// pointer may still be written through. The count of sharers is atomic, so copies may
+/// live in different threads. Buffers in a shared-memory segment are always copied.
+/// `data()` is null while nothing has been allocated.
 /// `resize` keeps the contents up to the smaller size and grows the capacity by at
 /// least half when it has to reallocate a non-empty block, so that appending is
 /// amortised; a first allocation is exact.
@@ -41,7 +46,8 @@ public:
 
     Allocator allocator() const { return _impl; }
 
-    char* data() noexcept { return _impl.block ? toRawPointer(_impl.block) + kHeader : nullptr; }
+    /// A writable pointer; unshares the block first (and so may allocate).
+    char* data() { return writableData(); }
     const char* data() const noexcept { return cdata(); }
     const char* cdata() const noexcept
     {
@@ -70,6 +76,10 @@ private:
     };
 
     void reallocate(std::size_t capacity);
+    bool canShare(const DBasicImageData& other) const noexcept;
+    bool share(const DBasicImageData& other) noexcept;
+    bool shared() const noexcept;
+    char* writableData();
     void release() noexcept;
     void assignBytes(const char* bytes, std::size_t n);
 
