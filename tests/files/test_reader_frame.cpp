@@ -14,7 +14,8 @@ DAbstractImageReader::Data bytesOf(const std::string& text)
 {
     DAbstractImageReader::Data data;
     data.resize(text.size());
-    std::memcpy(data.data(), text.data(), text.size());
+    if (!text.empty())
+        std::memcpy(data.data(), text.data(), text.size());
     return data;
 }
 
