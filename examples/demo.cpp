@@ -1,12 +1,19 @@
 // A tour of the image core on a frame of real detector size: build a frame, read and
 // write pixels, convert it, correct it with a factor image, compress it as a detector
 // streams it and decode it again, and take its digest; then describe the frame with
-// metadata: the detector's module layout, its mask, and a few items of the exposure.
+// metadata: the detector's module layout, its mask, and a few items of the exposure;
+// then write it as CBF and TIFF, read sample files of each format, and walk a numbered
+// series of files. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
+#include "DFileSeriesIterator.h"
 #include "DGlobal.h"
 #include "DImage.h"
+#include "DImageWriter.h"
 #include "DMd5.h"
+#include "foundation/DException.h"
+
+#include <filesystem>
 
 #include <chrono>
 #include <cstring>
@@ -108,9 +115,81 @@ void describeWithMetadata(DImage& frame)
               << ((frame + frame).optionalData().count_time() ? "some" : "none") << "\n";
 }
 
+void printMetadata(const std::string& title, const DImage& image)
+{
+    const auto& m = image.optionalData();
+    std::cout << "  " << title << ": " << image.width() << " x " << image.height() << " "
+              << datatypes::typeStr(image.type()) << " " << image.typeBits();
+    if (const auto description = m.description())
+        std::cout << ", detector \"" << *description << "\"";
+    if (const auto t = m.count_time())
+        std::cout << ", count_time " << *t << " s";
+    if (const auto w = m.wavelength())
+        std::cout << ", wavelength " << *w << " A";
+    if (const auto d = m.data_collection_date())
+        std::cout << ", taken " << *d;
+    const auto modules = m.modules();
+    std::cout << ", " << (modules ? modules->size() : 0) << " modules, mask "
+              << (m.pixelMaskSize() ? "present" : "absent") << "\n";
+}
+
+void filesAndSeries(const DImage& frame, const char* dataDirectory)
+{
+    namespace fs = std::filesystem;
+    const fs::path out = "demo-files";
+    fs::create_directories(out);
+    std::cout << "\nFiles (in " << fs::absolute(out).string() << ")\n" << std::setprecision(4);
+
+    const std::string cbf = (out / "frame.cbf").string(), tif = (out / "frame.tif").string();
+    auto start = std::chrono::steady_clock::now();
+    DImageWriter::write(frame, cbf, DImageWriter::CBF);
+    std::cout << "  wrote " << cbf << " (" << fs::file_size(cbf) << " bytes) in " << std::setprecision(3)
+              << millisecondsSince(start) << " ms\n";
+    DImage fromCbf;
+    start = std::chrono::steady_clock::now();
+    readImage(fromCbf, cbf.c_str(), 0);
+    std::cout << "  read it back in " << millisecondsSince(start) << " ms\n";
+    printMetadata("frame.cbf", fromCbf);
+
+    DImageWriter::write(fromCbf, tif, DImageWriter::TIF);
+    DImage fromTif;
+    readImage(fromTif, tif.c_str(), 0);
+    const bool same = std::memcmp(fromTif.cdata(), fromCbf.cdata(), fromCbf.size() * 4) == 0;
+    std::cout << "  converted CBF to TIFF and read it: pixels " << (same ? "identical" : "DIFFERENT") << "\n";
+    printMetadata("frame.tif", fromTif);
+
+    for (const char* sample : {"cbf/fabio_module.cbf", "cbf/cbflib_module.cbf", "tiff/f32_97x103.tif", "edf/i32_97x103.edf"}) {
+        const std::string path = std::string(dataDirectory) + "/" + sample;
+        try {
+            DImage image;
+            readImage(image, path.c_str(), 0);
+            printMetadata(sample, image);
+        } catch (const DException& e) {
+            std::cout << "  " << sample << ": " << e.what() << "\n";
+        }
+    }
+
+    // A numbered series, found by probing, walked frame by frame.
+    for (int i = 1; i <= 5; ++i) {
+        DImage shot = frame;
+        shot *= 1.0 + 0.1 * i;
+        shot.optionalData().set_count_time(0.1f * static_cast<float>(i));
+        char name[64];
+        std::snprintf(name, sizeof name, "series_%05d.cbf", i);
+        DImageWriter::write(shot, (out / name).string(), DImageWriter::CBF);
+    }
+    DFileSeriesIterator series((out / "series_00003.cbf").string(), 10);
+    std::cout << "  series " << series.pathToFront() << ": images " << series.first() << " to " << series.last() << "\n";
+    for (int i = series.first(); i <= series.last(); ++i) {
+        const DImage image = series[i];
+        std::cout << "    #" << i << " (index " << image.optionalData().neXusIndex() << "): count_time "
+                  << *image.optionalData().count_time() << " s, total counts " << totalCounts(image) << "\n";
+    }
+}
+
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
     std::cout << "norvexa image library " << version() << "\n\n";
 
@@ -165,5 +244,6 @@ int main()
               << ") in " << millisecondsSince(start) << " ms\n";
 
     describeWithMetadata(frame);
+    filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     return equal ? 0 : 1;
 }
