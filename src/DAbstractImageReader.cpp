@@ -169,6 +169,11 @@ void DAbstractImageReader::readData(DImage& image, const DImageOptionalData* opt
     const int w = width(), h = height();
     const datatypes::Type type = dataType();
     const unsigned long bits = typeBits();
+    // Pixel positions are 32-bit ints: a header that claims more is damaged, and
+    // allocating for it would only fail later or exhaust the memory.
+    if (w < 0 || h < 0 || static_cast<long long>(w) * h > 0x7fffffffLL)
+        throw DImageCorruptedException("Image " + _fileName + " has an invalid size of " +
+                                       std::to_string(w) + " x " + std::to_string(h) + " pixels");
     image = DImage(w, h, type, bits >> 3);
     readPixelData(image);
 

@@ -54,7 +54,8 @@ public:
     /// The image with its metadata: new pixels of the reader's size and type, filled;
     /// then the caller's metadata with this file's laid over it, or (without) the file's
     /// own header and raw header; a mask from DDetector when there is none; and the file
-    /// name as the image description.
+    /// name as the image description. A size below 0 or above 2^31 - 1 pixels raises
+    /// DImageCorruptedException "Image <name> has an invalid size of <w> x <h> pixels".
     void readData(DImage& image, const DImageOptionalData* optionalData) const;
 
     /// Parses the "#" lines among the first 4096 bytes into the metadata.

@@ -249,6 +249,12 @@ TEST(ReaderFrame, ReadDataRunsItsStepsInOrder)
     EXPECT_EQ(*image.optionalData().imageDescription(), "probe.cbf");
     EXPECT_FALSE(image.optionalData().rawHeader());
 
+    // A damaged size is reported before anything is allocated.
+    EXPECT_THROW_MSG(ProbeReader("", -4, 3).readData(image, nullptr), DImageCorruptedException,
+                     "Image probe.cbf has an invalid size of -4 x 3 pixels");
+    EXPECT_THROW_MSG(ProbeReader("", 70000, 70000).readData(image, nullptr), DImageCorruptedException,
+                     "Image probe.cbf has an invalid size of 70000 x 70000 pixels");
+
     // Corrupt pixels fail before any header is parsed, and leave the image without metadata.
     ProbeReader corrupt("# Exposure_time 0.5 s\n", 2, 2, true);
     DImage target;
