@@ -14,7 +14,7 @@ using namespace norvexa::imglib;
 
 namespace {
 
-constexpr std::uint64_t MAX_IMAGE_BYTES = 1 << 24; // keeps the runs fast and far from the memory limit
+constexpr std::uint64_t MAX_IMAGE_BYTES = 1 << 20; // keeps the runs fast and far from the memory limit
 
 } // namespace
 

@@ -280,12 +280,13 @@ void DBasicImageOptionalData<Allocator>::set_pixel_mask(boost::optional<DImage> 
         _neXus.root().eraseChild(kPixelMask);
         return;
     }
-    // One copy or one conversion of a frame-sized mask, never both.
-    const DBasicImage& source = mask->constImageData();
-    image::DBasicImage<Allocator> stored =
-        source.type() == datatypes::UINT && source.typeBits() == 32
-            ? image::DBasicImage<Allocator>(source, _allocator)
-            : image::DBasicImage<Allocator>(source.template asType<unsigned int>(), _allocator);
+    // The mask is ours (taken by value): its container moves into the tree, converted
+    // only when it isn't UINT 32 already, and copies of the tree may then share it.
+    DBasicImage source = mask->takeImageData();
+    if (source.type() != datatypes::UINT || source.typeBits() != 32)
+        source = source.template asType<unsigned int>();
+    source.allowSharing();
+    image::DBasicImage<Allocator> stored(std::move(source), _allocator);
     auto& data = dataAt(_neXus, kPixelMask);
     data.data().swap(stored);
     setUnit(data, "");

@@ -3,6 +3,7 @@
 #include "foundation/DException.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <locale>
 #include <sstream>
@@ -153,7 +154,8 @@ void DEdfReader::_initialize()
     if (!getKeyword(header, length, "Size", _dataSize))
         corrupted("DEdfReader: Missing data size (Size)");
     // In 64 bits: a product that overflows an int, or a negative extent, matches no size.
-    if (_width < 0 || _height < 0 || std::int64_t(_width) * _height * 4 != _dataSize)
+    const std::int64_t pixels = std::int64_t(_width) * _height;
+    if (_width < 0 || _height < 0 || pixels > INT32_MAX / 4 || pixels * 4 != _dataSize)
         corrupted("DEdfReader: Inconsistent image dimensions");
 
     // The pixels begin behind the "}" and one line feed. The pointer may stand one byte

@@ -20,7 +20,7 @@ class DEdfReader : public DAbstractImageReader {
 public:
     /// Reads the file and parses its header. The time-out is not used.
     DEdfReader(const char* fileName, int timeout);
-    /// Parses bytes already in memory; the name is only kept as the file's name.
+    /// Parses bytes already in memory; the name becomes the image's description.
     DEdfReader(const Data& data, const std::string& fileName);
     ~DEdfReader() override;
 
@@ -29,7 +29,7 @@ public:
     datatypes::Type dataType() const override { return datatypes::INT; }
     unsigned long typeBits() const override { return 32; }
     /// "LowByteFirst": the pixels as they stand. "HighByteFirst": one byte per pixel,
-    /// sign-extended and byte-reversed (kept as the detector's software has always read it).
+    /// sign-extended and byte-reversed, a long-standing reading kept on purpose.
     void readPixelData(DImage& image) const override;
     /// "Date" and "count_time" laid over the caller's metadata.
     void readImageSpecificHeader(DImageOptionalData& optionalData) const override;

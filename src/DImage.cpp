@@ -129,6 +129,12 @@ long DImage::byteOffset(int x, int y) const noexcept
     return (static_cast<long>(typeBits()) * index) >> 3;
 }
 
+DBasicImage DImage::takeImageData()
+{
+    DBasicImage taken(std::move(_imageData));
+    return taken;
+}
+
 void DImage::resize(int width, int height)
 {
     _imageData.resize2D(static_cast<unsigned long>(width), static_cast<unsigned long>(height));

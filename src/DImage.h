@@ -66,6 +66,8 @@ public:
     const char* data(int x, int y) const noexcept { return cdata() + byteOffset(x, y); }
     char* data(int x, int y) { return data() + byteOffset(x, y); }
     DBasicImage imageData() const { return _imageData; }
+    /// Moves the container out, leaving an empty image of the same pixel type.
+    DBasicImage takeImageData();
     /// The container itself, without the copy that imageData() makes.
     const DBasicImage& constImageData() const noexcept { return _imageData; }
 

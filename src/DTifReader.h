@@ -18,13 +18,15 @@ namespace imglib {
 /// last directory's image is the one read. Strips are copied one after the other to the
 /// start of the image (right for the one strip the detector writes). All failures are
 /// DImageCorruptedException "Image <name> is corrupted. <reason>"; "Invalid binary data."
-/// comes from readPixelData, every other reason from the constructor.
+/// comes from readPixelData, every other reason from the constructor. Directories that
+/// loop or overlap are "Invalid data offset"; a rows per strip of 0, or a strip longer than
+/// the image, is "Invalid binary data.".
 class DTifReader : public DAbstractImageReader {
 public:
     /// Reads the file and walks its directories. The time-out is not used.
     DTifReader(const char* fileName, int timeout);
     /// Walks the directories of bytes already in memory (say, a TIFF fetched over HTTP);
-    /// the name only serves in messages.
+    /// the name serves in messages and as the image's description.
     DTifReader(const Data& data, const std::string& fileName);
     ~DTifReader() override;
 

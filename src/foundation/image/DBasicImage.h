@@ -125,6 +125,8 @@ public:
     /// Takes over a buffer as it stands; nothing is decoded here.
     void setRawData(Data data, Shape shape, datatypes::Type type, unsigned long typeBits,
                     FILTER filter);
+    /// See DBasicImageData::allowSharing.
+    void allowSharing() noexcept { _data.allowSharing(); }
     /// Brings the buffer into the given form in place: FILTER_NONE decodes (a no-op on a
     /// plain container), another filter encodes the plain pixels. The parameter is
     /// reserved and must be 0. A chunk that does not decode raises

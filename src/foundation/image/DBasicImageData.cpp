@@ -208,6 +208,13 @@ char* DBasicImageData<Allocator>::writableData()
 }
 
 template <class Allocator>
+void DBasicImageData<Allocator>::allowSharing() noexcept
+{
+    if (_impl.block && !shared())
+        toRawPointer(_impl.block)[kLeakedFlagOffset] = 0;
+}
+
+template <class Allocator>
 void DBasicImageData<Allocator>::assignBytes(const char* bytes, std::size_t n)
 {
     if (n > capacity() || shared()) {

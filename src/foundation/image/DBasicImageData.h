@@ -57,6 +57,10 @@ public:
     std::size_t size() const noexcept { return _impl.size; }
     std::size_t capacity() const noexcept;
 
+    /// Declares that no writable pointer into an unshared block is in use any more, so
+    /// that copies may share it again (a block handed over by a moved-from owner).
+    void allowSharing() noexcept;
+
     void reserve(std::size_t n);
     void resize(std::size_t n);
     void clear() noexcept { _impl.size = 0; }
