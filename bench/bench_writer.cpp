@@ -38,7 +38,8 @@ DImage frameFor(const benchmark::State& state)
 class Scratch {
 public:
     Scratch()
-        : _dir(std::filesystem::temp_directory_path() / ("norvexa_bench_writer_" + std::to_string(::getpid())))
+        : _dir(std::filesystem::temp_directory_path() /
+               ("norvexa_bench_writer_" + std::to_string(::getpid())))
     {
         std::filesystem::create_directories(_dir);
     }
@@ -95,7 +96,8 @@ void BM_CbfEncodeAndDigest(benchmark::State& state)
     std::unique_ptr<unsigned char[]> out(new unsigned char[4 * image.size() + 4095]);
     norvexa::imglib::DMd5 md5;
     for (auto _ : state) {
-        const std::size_t size = norvexa::imglib::detail::byteOffsetEncode(pixels, image.size(), out.get());
+        const std::size_t size =
+            norvexa::imglib::detail::byteOffsetEncode(pixels, image.size(), out.get());
         md5.hash(out.get(), size);
         benchmark::DoNotOptimize(md5.toBase64());
     }

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <locale>
 #include <memory>
@@ -36,7 +37,6 @@ std::size_t byteOffsetEncode(const std::int32_t* pixels, std::size_t count,
     std::size_t longForms = 0;
     unsigned char* const begin = out;
     std::uint32_t previous = 0;
-    std::size_t i = 0;
 
     // One pixel in the byte-offset form. The difference -2147483648 has no positive
     // magnitude and goes out as one byte (0x00), as the format has always been written.
@@ -69,7 +69,7 @@ std::size_t byteOffsetEncode(const std::int32_t* pixels, std::size_t count,
         return 0;
     if (!encodeOne(static_cast<std::uint32_t>(pixels[0])))
         return kByteOffsetGivenUp;
-    i = 1;
+    std::size_t i = 1; // the vector loop reads the pixel before each block
 
 #ifdef __SSE2__
     // Detector frames are mostly small differences: 16 pixels whose differences all fit
@@ -177,118 +177,74 @@ int thresholdEv(float value)
     return static_cast<int>(rounded);
 }
 
-// The fields with a keyword line, in the order the raw header's lines are tested.
-enum class Field {
-    StartAngle,
-    AngleIncrement,
-    ExposureTime,
-    ExposurePeriod,
-    CountCutoff,
-    ThresholdSetting,
-    NExcludedPixels,
-    GainSetting,
-    BeamXy,
-    Wavelength,
-    DetectorDistance,
-    FilterTransmission
-};
+using D = DImageOptionalData;
 
-struct Keyword {
-    Field field;
-    const char* keyword;
-};
-
-constexpr Keyword kPhase1Order[] = {
-    {Field::StartAngle, "Start_angle"},
-    {Field::AngleIncrement, "Angle_increment"},
-    {Field::ExposureTime, "Exposure_time"},
-    {Field::ExposurePeriod, "Exposure_period"},
-    {Field::CountCutoff, "Count_cutoff"},
-    {Field::ThresholdSetting, "Threshold_setting"},
-    {Field::NExcludedPixels, "N_excluded_pixels"},
-    {Field::GainSetting, "Gain_setting"},
-    {Field::BeamXy, "Beam_xy"},
-    {Field::Wavelength, "Wavelength"},
-    {Field::DetectorDistance, "Detector_distance"},
-    {Field::FilterTransmission, "Filter_transmission"},
-};
-
-// Phase 2 writes the gain before the excluded pixels, unlike phase 1.
-constexpr Field kPhase2Order[] = {
-    Field::StartAngle,       Field::AngleIncrement,  Field::ExposureTime,
-    Field::ExposurePeriod,   Field::CountCutoff,     Field::ThresholdSetting,
-    Field::GainSetting,      Field::NExcludedPixels, Field::BeamXy,
-    Field::Wavelength,       Field::DetectorDistance, Field::FilterTransmission,
-};
-
-template <class Value>
-using Getter = boost::optional<Value> (DImageOptionalData::*)() const;
-template <class Value>
-using Setter = void (DImageOptionalData::*)(boost::optional<Value>);
-
-// "# <name> <value><unit>\r\n" when the item is present; the item is then cleared so that
-// its line is written only once.
-template <class Value>
-bool takeLine(std::ostream& out, DImageOptionalData& data, Getter<Value> get, Setter<Value> set,
-              const char* name, const char* unit)
+// "# <keyword> <value><unit>\r\n" when the item is present; the item is then cleared so
+// that its line is written only once.
+template <class Value, boost::optional<Value> (D::*get)() const,
+          void (D::*set)(boost::optional<Value>)>
+bool takeItem(std::ostream& out, D& data, const char* keyword, const char* unit)
 {
     const boost::optional<Value> value = (data.*get)();
     if (!value)
         return false;
-    out << "# " << name << ' ' << *value << unit << "\r\n";
+    out << "# " << keyword << ' ' << *value << unit << "\r\n";
     (data.*set)(none);
     return true;
 }
 
-bool takeLine(std::ostream& out, DImageOptionalData& data, Field field)
+bool takeThreshold(std::ostream& out, D& data, const char* keyword, const char* unit)
 {
-    using D = DImageOptionalData;
-    switch (field) {
-    case Field::StartAngle:
-        return takeLine<float>(out, data, &D::rotation_angle, &D::set_rotation_angle, "Start_angle", " deg");
-    case Field::AngleIncrement:
-        return takeLine<float>(out, data, &D::rotation_angle_step, &D::set_rotation_angle_step,
-                               "Angle_increment", " deg");
-    case Field::ExposureTime:
-        return takeLine<float>(out, data, &D::count_time, &D::set_count_time, "Exposure_time", " s");
-    case Field::ExposurePeriod:
-        return takeLine<float>(out, data, &D::frame_time, &D::set_frame_time, "Exposure_period", " s");
-    case Field::CountCutoff:
-        return takeLine<int>(out, data, &D::saturation_value, &D::set_saturation_value, "Count_cutoff",
-                             " counts");
-    case Field::ThresholdSetting: {
-        const auto value = data.threshold_energy();
-        if (!value)
-            return false;
-        out << "# Threshold_setting " << thresholdEv(*value) << " eV\r\n";
-        data.set_threshold_energy(none);
-        return true;
-    }
-    case Field::NExcludedPixels:
-        return takeLine<int>(out, data, &D::number_of_excluded_pixels, &D::set_number_of_excluded_pixels,
-                             "N_excluded_pixels", " ");
-    case Field::GainSetting:
-        return takeLine<std::string>(out, data, &D::gain_setting, &D::set_gain_setting, "Gain_setting", " ");
-    case Field::BeamXy: {
-        const auto x = data.beam_center_x();
-        const auto y = data.beam_center_y();
-        if (!x || !y)
-            return false;
-        out << "# Beam_xy ( " << *x << ", " << *y << ") pixels\r\n";
-        data.set_beam_center_x(none);
-        data.set_beam_center_y(none);
-        return true;
-    }
-    case Field::Wavelength:
-        return takeLine<float>(out, data, &D::wavelength, &D::set_wavelength, "Wavelength", " A");
-    case Field::DetectorDistance:
-        return takeLine<float>(out, data, &D::detector_distance, &D::set_detector_distance,
-                               "Detector_distance", " m");
-    case Field::FilterTransmission:
-        return takeLine<float>(out, data, &D::filter_transmission, &D::set_filter_transmission,
-                               "Filter_transmission", " ");
-    }
-    return false;
+    const auto value = data.threshold_energy();
+    if (!value)
+        return false;
+    out << "# " << keyword << ' ' << thresholdEv(*value) << unit << "\r\n";
+    data.set_threshold_energy(none);
+    return true;
+}
+
+bool takeBeamXy(std::ostream& out, D& data, const char* keyword, const char* unit)
+{
+    const auto x = data.beam_center_x();
+    const auto y = data.beam_center_y();
+    if (!x || !y)
+        return false;
+    out << "# " << keyword << " ( " << *x << ", " << *y << ")" << unit << "\r\n";
+    data.set_beam_center_x(none);
+    data.set_beam_center_y(none);
+    return true;
+}
+
+struct KeywordLine {
+    const char* keyword;
+    const char* unit;
+    bool (*take)(std::ostream&, D&, const char* keyword, const char* unit);
+};
+
+// The items with a keyword line, in the order the raw header's lines are tested.
+const KeywordLine kKeywordLines[] = {
+    {"Start_angle", " deg", takeItem<float, &D::rotation_angle, &D::set_rotation_angle>},
+    {"Angle_increment", " deg",
+     takeItem<float, &D::rotation_angle_step, &D::set_rotation_angle_step>},
+    {"Exposure_time", " s", takeItem<float, &D::count_time, &D::set_count_time>},
+    {"Exposure_period", " s", takeItem<float, &D::frame_time, &D::set_frame_time>},
+    {"Count_cutoff", " counts", takeItem<int, &D::saturation_value, &D::set_saturation_value>},
+    {"Threshold_setting", " eV", takeThreshold},
+    {"N_excluded_pixels", " ",
+     takeItem<int, &D::number_of_excluded_pixels, &D::set_number_of_excluded_pixels>},
+    {"Gain_setting", " ", takeItem<std::string, &D::gain_setting, &D::set_gain_setting>},
+    {"Beam_xy", " pixels", takeBeamXy},
+    {"Wavelength", " A", takeItem<float, &D::wavelength, &D::set_wavelength>},
+    {"Detector_distance", " m", takeItem<float, &D::detector_distance, &D::set_detector_distance>},
+    {"Filter_transmission", " ",
+     takeItem<float, &D::filter_transmission, &D::set_filter_transmission>},
+};
+// Phase 2 writes the gain before the excluded pixels, unlike phase 1.
+constexpr int kPhase2Order[] = {0, 1, 2, 3, 4, 5, 7, 6, 8, 9, 10, 11};
+
+bool takeLine(std::ostream& out, D& data, const KeywordLine& line)
+{
+    return line.take(out, data, line.keyword, line.unit);
 }
 
 bool takeDetectorLine(std::ostream& out, DImageOptionalData& data)
@@ -323,8 +279,8 @@ bool takeSensorLine(std::ostream& out, DImageOptionalData& data)
     if (!material && !thickness)
         return false;
     const std::string name = !material || *material == "Si" ? std::string("Silicon") : *material;
-    out << "# " << name << " sensor, thickness " << static_cast<double>(thickness ? *thickness : 0.0f)
-        << " m\r\n";
+    out << "# " << name << " sensor, thickness "
+        << static_cast<double>(thickness ? *thickness : 0.0f) << " m\r\n";
     data.set_sensor_material(none);
     data.set_sensor_thickness(none);
     return true;
@@ -344,7 +300,8 @@ std::string setNorvexaHeader(DImageOptionalData data)
         bool afterDetectorLine = false;
         // A line of 1024 characters or more fails getline and ends the phase.
         while (lines.getline(buffer, sizeof buffer)) {
-            const std::size_t length = static_cast<std::size_t>(lines.gcount()) - (lines.eof() ? 0 : 1);
+            const std::size_t length =
+                static_cast<std::size_t>(lines.gcount()) - (lines.eof() ? 0 : 1);
             const std::string line(buffer, length);
             // CIF and MIME lines and the binary bytes of a raw header go.
             if (line.size() < 2 || line[0] != '#' || line[1] != ' ')
@@ -363,14 +320,9 @@ std::string setNorvexaHeader(DImageOptionalData data)
                 utils::findDate(line.data(), line.size()))
                 takeDateLine(out, data);
 
-            bool handled = false;
-            for (const Keyword& keyword : kPhase1Order) {
-                if (startWithKeyword(line, keyword.keyword) && takeLine(out, data, keyword.field)) {
-                    handled = true;
-                    break;
-                }
-            }
-            if (handled)
+            if (std::any_of(std::begin(kKeywordLines), std::end(kKeywordLines), [&](const auto& k) {
+                    return startWithKeyword(line, k.keyword) && takeLine(out, data, k);
+                }))
                 continue;
             if ((data.sensor_material() || data.sensor_thickness()) && isSensorLine(line)) {
                 takeSensorLine(out, data);
@@ -382,8 +334,8 @@ std::string setNorvexaHeader(DImageOptionalData data)
 
     takeDetectorLine(out, data);
     takeDateLine(out, data);
-    for (const Field field : kPhase2Order)
-        takeLine(out, data, field);
+    for (const int index : kPhase2Order)
+        takeLine(out, data, kKeywordLines[index]);
     takeSensorLine(out, data);
     return out.str();
 }
@@ -456,9 +408,8 @@ void tifHeader(char* buffer, const Image& image, DImageWriter::Format outFormat)
     next();
     const auto modelCount = static_cast<std::uint32_t>(model.size() + 1);
     if (model.size() < 2) {
-        std::uint32_t inline_ = 0; // the text and its NUL, in the value field itself
-        std::memcpy(&inline_, model.c_str(), modelCount);
-        addEntry(272, ASCII, modelCount, inline_);
+        addEntry(272, ASCII, modelCount, 0);
+        std::memcpy(entry - 4, model.c_str(), modelCount); // the text and its NUL in the entry
     } else {
         addEntry(272, ASCII, modelCount, placeValue(model.c_str(), modelCount));
     }
@@ -517,7 +468,8 @@ std::string cbfHeader(const std::string& dataBlock, const std::string& textHeade
     line(";");
     line("--CIF-BINARY-FORMAT-SECTION--");
     line("Content-Type: application/octet-stream;");
-    line(std::string("     conversions=\"") + (compressed ? "x-CBF_BYTE_OFFSET" : "x-CBF_NONE") + "\"");
+    line(std::string("     conversions=\"") + (compressed ? "x-CBF_BYTE_OFFSET" : "x-CBF_NONE") +
+         "\"");
     line("Content-Transfer-Encoding: BINARY");
     line("X-Binary-Size: " + std::to_string(binarySize));
     line("X-Binary-ID: 1");
@@ -545,8 +497,9 @@ void writeCbf(std::ofstream& file, const DImage& image, const std::string& fileN
     const std::size_t count = source->size();
     const auto* pixels = reinterpret_cast<const std::int32_t*>(source->cdata());
 
-    // Only the pages that the compressed stream reaches are ever touched.
-    std::unique_ptr<unsigned char[]> buffer(new unsigned char[4 * count + kCbfPadding]);
+    // Room for the worst case the encoder allows; only the pages that the compressed stream
+    // reaches are ever touched. The padding is written from a block of zeros.
+    std::unique_ptr<unsigned char[]> buffer(new unsigned char[4 * count]);
     const unsigned char* block = buffer.get();
     std::size_t size = count ? detail::byteOffsetEncode(pixels, count, buffer.get()) : 0;
     const bool compressed = size != detail::kByteOffsetGivenUp;
@@ -558,8 +511,8 @@ void writeCbf(std::ofstream& file, const DImage& image, const std::string& fileN
     DMd5 md5;
     md5.hash(block, size);
     const std::string header =
-        cbfHeader(dataBlockName(fileName), setNorvexaHeader(source->optionalData()), compressed, size,
-                  md5.toBase64(), static_cast<std::size_t>(source->width()),
+        cbfHeader(dataBlockName(fileName), setNorvexaHeader(source->optionalData()), compressed,
+                  size, md5.toBase64(), static_cast<std::size_t>(source->width()),
                   static_cast<std::size_t>(source->height()));
 
     file.write(header.data(), static_cast<std::streamsize>(header.size()));

@@ -4,7 +4,9 @@
 Run with the system Python: /usr/bin/python3 tools/check_written_files.py FILE...
 Needs the Debian packages python3-fabio, python3-numpy and python3-pycbf (CBFlib's own
 binding), and libtiff (libtiff6, which libtiff-tools brings). The writer's tests run it on
-the files they write; it also checked the files under data/written/.
+the files they write. The reference files under data/written/ come from the same test
+(NORVEXA_UPDATE_WRITTEN=1 build/tests/test_files --gtest_filter='ImageWriterPeers.*');
+data/written/peers.txt is this script's report on them, run from that directory.
 
 For each file, one "key value" line per finding, after a line "file <path>":
   fabio.class, fabio.shape (height width), fabio.dtype, fabio.pixels (MD5 hex of the
