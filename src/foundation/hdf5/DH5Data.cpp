@@ -1,0 +1,240 @@
+#include "foundation/hdf5/DH5Data.h"
+
+#include "foundation/DException.h"
+#include "foundation/hdf5/DH5Common.h"
+#include "foundation/hdf5/DH5Filters.h"
+
+#include <algorithm>
+
+namespace norvexa {
+namespace hdf5 {
+
+using detail::check;
+using detail::checkStatus;
+using detail::DH5Access;
+using detail::Id;
+
+namespace {
+
+std::vector<hsize_t> currentDims(hid_t dataset, const std::string& path)
+{
+    const Id space(check(H5Dget_space(dataset), "Cannot read the dataspace of", path));
+    const int rank = checkStatus(H5Sget_simple_extent_ndims(space.get()), "Cannot read the rank of", path);
+    std::vector<hsize_t> dims(static_cast<std::size_t>(rank));
+    if (rank > 0)
+        checkStatus(H5Sget_simple_extent_dims(space.get(), dims.data(), nullptr),
+                    "Cannot read the dimensions of", path);
+    return dims;
+}
+
+/// `offset` as hsize_t, after checking that it has one coordinate per dimension.
+std::vector<hsize_t> coordinates(const std::vector<unsigned long>& offset, std::size_t rank, const char* what,
+                                 const std::string& path)
+{
+    if (offset.size() != rank)
+        throw DBadParameterException(std::string(what) + " of " + path + " needs " + std::to_string(rank) +
+                                     " coordinates, not " + std::to_string(offset.size()));
+    return {offset.begin(), offset.end()};
+}
+
+/// Grows the dataset to at least `wanted` in each dimension, within its maximum.
+void extendTo(hid_t dataset, std::vector<hsize_t> wanted, const std::string& path)
+{
+    const Id space(check(H5Dget_space(dataset), "Cannot read the dataspace of", path));
+    std::vector<hsize_t> current(wanted.size()), maximum(wanted.size());
+    checkStatus(H5Sget_simple_extent_dims(space.get(), current.data(), maximum.data()),
+                "Cannot read the dimensions of", path);
+    bool grow = false;
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        if (maximum[i] != H5S_UNLIMITED)
+            wanted[i] = std::min(wanted[i], maximum[i]);
+        grow = grow || wanted[i] > current[i];
+        wanted[i] = std::max(wanted[i], current[i]);
+    }
+    if (grow)
+        checkStatus(H5Dset_extent(dataset, wanted.data()), "Cannot extend HDF5 dataset", path);
+}
+
+} // namespace
+
+DH5Data::DH5Data(std::shared_ptr<DH5DataPrivate> d) noexcept : _d(std::move(d)) {}
+
+DH5Data& DH5Data::operator=(DH5Data other) noexcept
+{
+    _d = std::move(other._d);
+    return *this;
+}
+
+DataType DH5Data::dataType() const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    return detail::dataTypeOf(type.get(), d.path);
+}
+
+unsigned long DH5Data::dataSize() const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    return detail::elementSizeOf(type.get());
+}
+
+std::vector<unsigned long> DH5Data::dim() const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const std::vector<hsize_t> dims = currentDims(d.id.get(), d.path);
+    return {dims.begin(), dims.end()};
+}
+
+image::DCompression::FILTER DH5Data::filter() const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const Id dcpl(check(H5Dget_create_plist(d.id.get()), "Cannot read the creation list of", d.path));
+    const int count = checkStatus(H5Pget_nfilters(dcpl.get()), "Cannot read the filters of", d.path);
+    if (count == 0)
+        return image::DCompression::FILTER_NONE;
+    if (count == 1) {
+        unsigned flags = 0;
+        std::size_t values = 0;
+        const H5Z_filter_t id =
+            checkStatus(H5Pget_filter2(dcpl.get(), 0, &flags, &values, nullptr, 0, nullptr, nullptr),
+                        "Cannot read the filters of", d.path);
+        if (id == LZ4_FILTER_ID)
+            return image::DCompression::FILTER_LZ4;
+        const unsigned long size = dataSize();
+        if (id == BITSHUFFLE_FILTER_ID && (size == 2 || size == 4))
+            return size == 2 ? image::DCompression::FILTER_BS16_LZ4 : image::DCompression::FILTER_BS32_LZ4;
+    }
+    throw DRuntimeException("The filters of HDF5 dataset " + d.path + " have no compression form");
+}
+
+template <class Allocator> void DH5Data::read(image::DBasicImage<Allocator>& image) const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    detail::readImage(d.id.get(), false, d.path, image);
+}
+
+void DH5Data::readSlice(void* out, const std::vector<unsigned long>& start,
+                        const std::vector<unsigned long>& count) const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const Id space(check(H5Dget_space(d.id.get()), "Cannot read the dataspace of", d.path));
+    const int rank = checkStatus(H5Sget_simple_extent_ndims(space.get()), "Cannot read the rank of", d.path);
+    const std::vector<hsize_t> first =
+        coordinates(start, static_cast<std::size_t>(rank), "Slice start", d.path);
+    const std::vector<hsize_t> extent =
+        coordinates(count, static_cast<std::size_t>(rank), "Slice count", d.path);
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    if (detail::isVariableString(type.get()))
+        throw DRuntimeException("Cannot read a slice of variable-length strings from " + d.path);
+    const Id memoryType = detail::memoryType(type.get(), d.path);
+    if (rank > 0)
+        checkStatus(
+            H5Sselect_hyperslab(space.get(), H5S_SELECT_SET, first.data(), nullptr, extent.data(), nullptr),
+            "Cannot select a slice of", d.path);
+    const Id memory(check(rank > 0 ? H5Screate_simple(rank, extent.data(), nullptr) : H5Screate(H5S_SCALAR),
+                          "Cannot make the memory space for", d.path));
+    if (H5Dread(d.id.get(), memoryType.get(), memory.get(), space.get(), H5P_DEFAULT, out) < 0)
+        detail::failRead(d.id.get(), d.path);
+}
+
+std::vector<char> DH5Data::readRawChunk(const std::vector<unsigned long>& offset) const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const std::vector<hsize_t> at =
+        coordinates(offset, currentDims(d.id.get(), d.path).size(), "Chunk offset", d.path);
+    hsize_t size = 0;
+    checkStatus(H5Dget_chunk_storage_size(d.id.get(), at.data(), &size), "Cannot find the chunk of", d.path);
+    if (size == 0)
+        throw DRuntimeException("No chunk is stored at this offset of HDF5 dataset " + d.path);
+    std::vector<char> chunk(size);
+    uint32_t mask = 0;
+    checkStatus(H5Dread_chunk(d.id.get(), H5P_DEFAULT, at.data(), &mask, chunk.data()),
+                "Cannot read a chunk of", d.path);
+    return chunk;
+}
+
+void DH5Data::write(const void* data)
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    const Id memoryType = detail::memoryType(type.get(), d.path);
+    checkStatus(H5Dwrite(d.id.get(), memoryType.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, data),
+                "Cannot write HDF5 dataset", d.path);
+}
+
+void DH5Data::writeChunk(const void* data, const std::vector<unsigned long>& offset)
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const std::size_t rank = currentDims(d.id.get(), d.path).size();
+    const std::vector<hsize_t> start = coordinates(offset, rank, "Chunk offset", d.path);
+    if (rank == 0)
+        throw DBadParameterException("HDF5 dataset " + d.path + " is a scalar and has no frames");
+    std::vector<hsize_t> wanted(rank, 0);
+    wanted[0] = start[0] + 1;
+    extendTo(d.id.get(), wanted, d.path);
+
+    std::vector<hsize_t> count = currentDims(d.id.get(), d.path);
+    count[0] = 1;
+    const Id space(check(H5Dget_space(d.id.get()), "Cannot read the dataspace of", d.path));
+    checkStatus(
+        H5Sselect_hyperslab(space.get(), H5S_SELECT_SET, start.data(), nullptr, count.data(), nullptr),
+        "Cannot select a frame of", d.path);
+    const Id memory(check(H5Screate_simple(static_cast<int>(rank), count.data(), nullptr),
+                          "Cannot make the memory space for", d.path));
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    const Id memoryType = detail::memoryType(type.get(), d.path);
+    checkStatus(H5Dwrite(d.id.get(), memoryType.get(), memory.get(), space.get(), H5P_DEFAULT, data),
+                "Cannot write a frame of HDF5 dataset", d.path);
+}
+
+void DH5Data::writePrecompressedChunk(const void* data, unsigned long size,
+                                      const std::vector<unsigned long>& offset)
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const std::size_t rank = currentDims(d.id.get(), d.path).size();
+    const std::vector<hsize_t> start = coordinates(offset, rank, "Chunk offset", d.path);
+    const Id dcpl(check(H5Dget_create_plist(d.id.get()), "Cannot read the creation list of", d.path));
+    if (H5Pget_layout(dcpl.get()) != H5D_CHUNKED) {
+        detail::takeErrorMessage();
+        throw DRuntimeException("HDF5 dataset " + d.path + " is not chunked");
+    }
+    std::vector<hsize_t> chunk(rank);
+    checkStatus(H5Pget_chunk(dcpl.get(), static_cast<int>(rank), chunk.data()), "Cannot read the chunks of",
+                d.path);
+    for (std::size_t i = 0; i < rank; ++i)
+        chunk[i] += start[i];
+    extendTo(d.id.get(), chunk, d.path);
+    // Filter mask 0: every filter of the pipeline has run on these bytes.
+    checkStatus(H5Dwrite_chunk(d.id.get(), H5P_DEFAULT, 0, start.data(), size, data),
+                "Cannot write a chunk of HDF5 dataset", d.path);
+}
+
+DH5Attribute DH5Data::attribute(const std::string& name)
+{
+    return detail::openAttribute(DH5Access::object(*this), name);
+}
+
+DH5Attribute DH5Data::attribute(const std::string& name) const
+{
+    return detail::openAttribute(DH5Access::object(*this), name);
+}
+
+std::set<std::string> DH5Data::attributes() const { return detail::attributeNames(DH5Access::object(*this)); }
+
+DH5Attribute DH5Data::addAttribute(const std::string& name, const DataType& type, unsigned long elementSize,
+                                   const std::vector<long>& dims)
+{
+    return detail::createAttribute(DH5Access::object(*this), name, type, elementSize, dims);
+}
+
+void DH5Data::removeAttribute(const std::string& name)
+{
+    detail::deleteAttribute(DH5Access::object(*this), name);
+}
+
+template void DH5Data::read(image::DBasicImage<image::StdAllocator>&) const;
+template void DH5Data::read(image::DBasicImage<image::ShmAllocator>&) const;
+
+} // namespace hdf5
+} // namespace norvexa
