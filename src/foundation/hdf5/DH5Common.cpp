@@ -169,7 +169,11 @@ herr_t onlyBeside(const char* parentFile, const char*, const char* childFile, co
             return 0;
         const std::filesystem::path beside = std::filesystem::path(parentFile).parent_path() /
                                              (child.is_absolute() ? child.filename() : child);
-        return std::filesystem::exists(beside, error) ? 0 : -1;
+        if (std::filesystem::exists(beside, error))
+            return 0;
+        H5Epush2(H5E_DEFAULT, __FILE__, "onlyBeside", __LINE__, H5E_ERR_CLS, H5E_LINK, H5E_NOTFOUND,
+                 "external file %s not found", beside.c_str());
+        return -1;
     } catch (...) {
         return -1;
     }
