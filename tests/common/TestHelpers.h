@@ -34,6 +34,21 @@ private:
     std::filesystem::path _path;
 };
 
+/// Changes the working directory for the object's lifetime.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(const std::filesystem::path& dir) : _saved(std::filesystem::current_path())
+    {
+        std::filesystem::current_path(dir);
+    }
+    ~WorkingDirectory() { std::filesystem::current_path(_saved); }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+private:
+    std::filesystem::path _saved;
+};
+
 /// A name for a shared-memory object that no other test run uses.
 std::string uniqueShmName(const std::string& stem);
 

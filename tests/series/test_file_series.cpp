@@ -39,20 +39,13 @@ void writeCbf(const std::string& path, int number)
 
 void touch(const std::string& path) { std::ofstream(path).put('x'); }
 
-// Changes the working directory for one test.
-struct WorkingDirectory {
-    explicit WorkingDirectory(const fs::path& dir) : _saved(fs::current_path()) { fs::current_path(dir); }
-    ~WorkingDirectory() { fs::current_path(_saved); }
-    fs::path _saved;
-};
-
 } // namespace
 
 TEST(Paths, NormalizeAndParse)
 {
     norvexa_test::TempDir dir;
     const std::string cwd = fs::canonical(dir.path()).string();
-    WorkingDirectory in(cwd);
+    norvexa_test::WorkingDirectory in(cwd);
     const std::pair<std::string, std::string> cases[] = {
         {"/a/b/../c", "/a/c"},       {"a//b/", cwd + "/a/b"},     {"/a/./b/./c", "/a/b/c"},
         {"/a/b/c/../../d", "/a/d"},  {"/a/b/.", "/a/b/."},        {"/", "/"},

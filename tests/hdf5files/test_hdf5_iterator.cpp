@@ -1,0 +1,377 @@
+#include "TestHelpers.h"
+
+#include "DHdf5Iterator.h"
+#include "foundation/DException.h"
+#include "foundation/hdf5/DH5.h"
+
+#include <cstdlib>
+#include <fstream>
+
+using namespace norvexa;
+using namespace norvexa::imglib;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kWidth = 19;
+constexpr int kHeight = 13;
+
+// The pixel content of every fixture under data/hdf5 (see tools/make_hdf5_fixtures.py).
+long fixtureValue(int image, int y, int x)
+{
+    return (image * 1000L + y * 37L + x * 3L) % 60000L;
+}
+
+// Copies the fixture files whose names start with `stem` into `dir`.
+void copyFixtures(const std::string& stem, const fs::path& dir)
+{
+    for (const auto& entry : fs::directory_iterator(norvexa_test::dataPath("hdf5"))) {
+        if (entry.path().filename().string().rfind(stem, 0) == 0)
+            fs::copy_file(entry.path(), dir / entry.path().filename());
+    }
+}
+
+std::string fixture(const std::string& name)
+{
+    return norvexa_test::dataPath("hdf5/" + name).string();
+}
+
+bool builtinFiltersOnly()
+{
+    const char* path = std::getenv("HDF5_PLUGIN_PATH");
+    return path && std::string(path).find("no-hdf5-plugins") != std::string::npos;
+}
+
+template <class T>
+void expectFixtureFrame(const DImage& image, int number, double scale, bool signedCorner)
+{
+    ASSERT_EQ(image.width(), kWidth);
+    ASSERT_EQ(image.height(), kHeight);
+    int wrong = 0;
+    for (int y = 0; y < kHeight; ++y) {
+        for (int x = 0; x < kWidth; ++x) {
+            const double expected = signedCorner && x == 0 && y == 0 ? -1.0 : fixtureValue(number, y, x) * scale;
+            wrong += static_cast<double>(image.pixel<T>(x, y, T())) != expected;
+        }
+    }
+    EXPECT_EQ(wrong, 0) << "image " << number;
+}
+
+// A master whose one data link is made here, with the project's own HDF5 layer, for the
+// shapes no peer would write.
+struct HandMadeMaster {
+    explicit HandMadeMaster(const fs::path& dir) : path((dir / "hand_master.h5").string()), file(path, "w")
+    {
+        hdf5::DH5Group data = file.addGroup("/entry/data", true);
+        data.addAttribute("NX_class", hdf5::H5String, 6, {}).write(std::string("NXdata"));
+    }
+    hdf5::DH5Data addFrames(const std::string& name, hdf5::DataType type, unsigned long size,
+                            const std::vector<long>& dims, int low, int high)
+    {
+        hdf5::DH5Data data = file.addDataset("/entry/data/" + name, type, size, dims, image::DCompression::FILTER_NONE);
+        data.addAttribute("image_nr_low", hdf5::H5Int, 4, {}).write(low);
+        data.addAttribute("image_nr_high", hdf5::H5Int, 4, {}).write(high);
+        return data;
+    }
+    void close() { file = hdf5::DH5File(); }
+    std::string path;
+    hdf5::DH5File file;
+};
+
+} // namespace
+
+TEST(Hdf5Iterator, PeerFilesOfEveryTypeAndFilterReadIdentically)
+{
+    for (const std::string filter : {"none", "lz4", "bslz4"}) {
+        for (const std::string type : {"uint16", "uint32", "int32", "float32"}) {
+            SCOPED_TRACE(type + "_" + filter);
+            const std::string path = fixture(type + "_" + filter + "_master.h5");
+            DHdf5Iterator series(path);
+            ASSERT_EQ(series.first(), 1);
+            ASSERT_EQ(series.last(), 5);
+            ASSERT_EQ(series.size(), 5u);
+            for (int number = 1; number <= 5; ++number) {
+                const DImage image = series[number];
+                if (type == "uint16") {
+                    EXPECT_EQ(image.type(), datatypes::UINT);
+                    expectFixtureFrame<unsigned short>(image, number, 1.0, false);
+                } else if (type == "uint32") {
+                    EXPECT_EQ(image.type(), datatypes::UINT);
+                    expectFixtureFrame<unsigned int>(image, number, 1.0, false);
+                } else if (type == "int32") {
+                    EXPECT_EQ(image.type(), datatypes::INT);
+                    expectFixtureFrame<int>(image, number, 1.0, true);
+                } else {
+                    EXPECT_EQ(image.type(), datatypes::FLOAT);
+                    expectFixtureFrame<float>(image, number, 0.25, false);
+                }
+                EXPECT_EQ(image.optionalData().neXusIndex(), number);
+                EXPECT_EQ(*image.optionalData().imageDescription(),
+                          path + " # " + std::to_string(number) + "/5");
+            }
+        }
+    }
+}
+
+TEST(Hdf5Iterator, HeaderBecomesMetadataWithoutImageDataOrAttributeValues)
+{
+    DHdf5Iterator series(fixture("uint32_bslz4_master.h5"));
+    const nexus::DNeXusTree tree = series.neXus();
+    EXPECT_THROW(tree.at("/entry/data"), DOutOfRangeException);
+    // Attributes stand by name, without their values.
+    const auto units = tree.at("/entry/instrument/detector/count_time").asData().attributes();
+    ASSERT_EQ(units.size(), 1u);
+    EXPECT_EQ(units[0]->name(), "units");
+    EXPECT_TRUE(units[0]->asData().data().empty());
+    const auto nxClass = tree.at("/entry").asGroup().attributes();
+    ASSERT_EQ(nxClass.size(), 1u);
+    EXPECT_TRUE(nxClass[0]->asData().data().empty());
+
+    const DImage image = series[2];
+    const DImageOptionalData& metadata = image.optionalData();
+    EXPECT_FLOAT_EQ(*metadata.count_time(), 0.1f);
+    EXPECT_EQ(*metadata.description(), "Test Detector 1M");
+    EXPECT_FLOAT_EQ(*metadata.wavelength(), 1.0332f);
+    const DImage mask = *metadata.pixel_mask();
+    ASSERT_EQ(mask.width(), kWidth);
+    EXPECT_EQ(mask.pixel<unsigned int>(3, 2, 0U), 1u);
+    EXPECT_EQ(mask.pixel<unsigned int>(7, 5, 0U), 2u);
+    EXPECT_EQ(mask.pixel<unsigned int>(0, 6, 0U), 1u);
+    EXPECT_EQ(mask.pixel<unsigned int>(0, 0, 0U), 0u);
+}
+
+TEST(Hdf5Iterator, MasksOfAnotherSizeOrNoneBecomeEmptyMasksOfTheFrame)
+{
+    for (const std::string name : {"mask_mismatch_master.h5", "uint16_none_master.h5"}) {
+        SCOPED_TRACE(name);
+        DHdf5Iterator series(fixture(name));
+        const DImage mask = *series[1].optionalData().pixel_mask();
+        EXPECT_EQ(mask.width(), kWidth);
+        EXPECT_EQ(mask.height(), kHeight);
+        EXPECT_EQ(mask.type(), datatypes::UINT);
+        EXPECT_EQ(mask.typeBits(), 32u);
+        EXPECT_EQ(mask.pixel<unsigned int>(0, 0, 0U), 0u);
+    }
+}
+
+TEST(Hdf5Iterator, MainPathOpensOnlyTheFirstAndLastDataFiles)
+{
+    {
+        DHdf5Iterator three(fixture("three_files_master.h5"));
+        EXPECT_EQ(three.first(), 1);
+        EXPECT_EQ(three.last(), 8);
+        expectFixtureFrame<unsigned int>(three[4], 4, 1.0, false);
+        expectFixtureFrame<unsigned int>(three[8], 8, 1.0, false);
+    }
+    {
+        // The last link dangles: the backward scan falls back to the first file.
+        DHdf5Iterator missingLast(fixture("missing_last_master.h5"));
+        EXPECT_EQ(missingLast.first(), 1);
+        EXPECT_EQ(missingLast.last(), 3);
+        EXPECT_THROW_MSG(missingLast[4], DOutOfRangeException, "Image number 4 out of range");
+    }
+    {
+        // A missing middle file is noticed only when one of its images is asked for.
+        DHdf5Iterator missingMiddle(fixture("missing_middle_master.h5"));
+        EXPECT_EQ(missingMiddle.first(), 1);
+        EXPECT_EQ(missingMiddle.last(), 8);
+        expectFixtureFrame<unsigned int>(missingMiddle[3], 3, 1.0, false);
+        expectFixtureFrame<unsigned int>(missingMiddle[7], 7, 1.0, false);
+        EXPECT_THROW(missingMiddle[5], DRuntimeException);
+    }
+}
+
+TEST(Hdf5Iterator, LegacyLayoutsAndTheFallBackToThem)
+{
+    {
+        testing::internal::CaptureStdout();
+        DHdf5Iterator legacy(fixture("legacy_master.h5"));
+        EXPECT_EQ(legacy.size(), 5u);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "Failed to read h5 file: No valid datasets /entry/data\nUsing legacy code. \n");
+        expectFixtureFrame<unsigned int>(legacy[4], 4, 1.0, false);
+    }
+    {
+        // A series still being written: the last file lacks image_nr_high.
+        testing::internal::CaptureStdout();
+        DHdf5Iterator open(fixture("open_last_master.h5"));
+        EXPECT_EQ(open.first(), 1);
+        EXPECT_EQ(open.last(), 3);
+        EXPECT_NE(testing::internal::GetCapturedStdout().find("Using legacy code. "), std::string::npos);
+    }
+    testing::internal::CaptureStdout();
+    DHdf5Iterator gap(fixture("legacy_gap.h5"));
+    EXPECT_THROW_MSG(gap.first(), DImageCorruptedException, "DHdf5Iterator: Missing images");
+    DHdf5Iterator overlap(fixture("legacy_overlap.h5"));
+    EXPECT_THROW_MSG(overlap.update(), DImageCorruptedException, "DHdf5Iterator: Overlapping images");
+    DHdf5Iterator nothing(fixture("no_images.h5"));
+    EXPECT_TRUE(nothing.empty());
+    EXPECT_EQ(nothing.first(), 1);
+    EXPECT_EQ(nothing.last(), 0);
+    EXPECT_THROW_MSG(nothing.front(), DOutOfRangeException, "Image number 1 out of range");
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_NE(printed.find("Failed to read h5 file: "), std::string::npos);
+}
+
+TEST(Hdf5Iterator, LinksWithWrongNamesArePassedOver)
+{
+    testing::internal::CaptureStdout();
+    DHdf5Iterator series(fixture("bad_links_master.h5"));
+    try {
+        series.update();
+    } catch (const DImageCorruptedException&) {
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind(
+                  "Failed to read h5 file: No valid datasets /entry/data\n", 0),
+              0u);
+}
+
+TEST(Hdf5Iterator, PopFrontLastsUntilTheNextUpdate)
+{
+    DHdf5Iterator series(fixture("uint32_lz4_master.h5"));
+    // Before the table is read the iterator counts as empty, and popping does nothing.
+    series.popFront();
+    EXPECT_EQ(series.first(), 1);
+    series.popFront();
+    EXPECT_EQ(series.first(), 2);
+    EXPECT_EQ(series.size(), 4u);
+    expectFixtureFrame<unsigned int>(series.front(), 2, 1.0, false);
+    expectFixtureFrame<unsigned int>(series[1], 1, 1.0, false);
+    EXPECT_EQ(series.first(), 1);
+    EXPECT_THROW_MSG(series.pushBack(DImage()), DRuntimeException, "Cannot push back image to hdf5 container");
+}
+
+TEST(Hdf5Iterator, DataFilesAreFoundBesideTheMasterFromAnyDirectory)
+{
+    norvexa_test::TempDir series;
+    norvexa_test::TempDir elsewhere;
+    copyFixtures("uint16_lz4_", series.path());
+    // A decoy of the same name in the working directory must not be read.
+    fs::copy_file(norvexa_test::dataPath("hdf5/int32_none_data_000001.h5"),
+                  elsewhere.path() / "uint16_lz4_data_000001.h5");
+    norvexa_test::WorkingDirectory in(elsewhere.path());
+    DHdf5Iterator iterator((series.path() / "uint16_lz4_master.h5").string());
+    expectFixtureFrame<unsigned short>(iterator[1], 1, 1.0, false);
+    expectFixtureFrame<unsigned short>(iterator[5], 5, 1.0, false);
+}
+
+TEST(Hdf5Iterator, UpdateSeesDataFilesWrittenLater)
+{
+    norvexa_test::TempDir dir;
+    copyFixtures("missing_last_", dir.path());
+    DHdf5Iterator series((dir.path() / "missing_last_master.h5").string());
+    EXPECT_EQ(series.last(), 3);
+    fs::copy_file(norvexa_test::dataPath("hdf5/uint32_bslz4_data_000002.h5"),
+                  dir.path() / "missing_last_data_000002.h5");
+    // An image beyond the end updates once by itself.
+    expectFixtureFrame<unsigned int>(series[5], 5, 1.0, false);
+    EXPECT_EQ(series.last(), 5);
+}
+
+TEST(Hdf5Iterator, AFilterThatIsNeitherBuiltInNorInstalledIsNamed)
+{
+    DHdf5Iterator series(fixture("bzip2_master.h5"));
+    if (!builtinFiltersOnly()) {
+        expectFixtureFrame<unsigned int>(series[1], 1, 1.0, false);
+        return;
+    }
+    try {
+        series[1];
+        ADD_FAILURE() << "a bzip2 chunk decoded without its filter";
+    } catch (const DRuntimeException& e) {
+        EXPECT_NE(std::string(e.what()).find("307"), std::string::npos) << e.what();
+    }
+}
+
+TEST(Hdf5Iterator, BadShapesAndTypesGiveTheirTexts)
+{
+    norvexa_test::TempDir dir;
+    {
+        HandMadeMaster master(dir.path());
+        master.addFrames("data_000001", hdf5::H5String, 8, {2, 3, 4}, 1, 2);
+        master.close();
+        DHdf5Iterator series(master.path);
+        EXPECT_THROW_MSG(series[1], DImageCorruptedException,
+                         "Cannot read string data in dataset: /entry/data/data_000001");
+    }
+    {
+        // A two-dimensional image dataset: the main path refuses it and the legacy
+        // path finds nothing.
+        HandMadeMaster master(dir.path());
+        master.addFrames("data_000001", hdf5::H5UInt, 4, {3, 4}, 1, 3);
+        master.close();
+        testing::internal::CaptureStdout();
+        DHdf5Iterator series(master.path);
+        EXPECT_TRUE(series.empty());
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "Failed to read h5 file: Wrong shape of /entry/data/data_000001\nUsing legacy code. \n");
+    }
+    {
+        // An image number of the wrong type counts as missing.
+        HandMadeMaster master(dir.path());
+        hdf5::DH5Data data = master.file.addDataset("/entry/data/data_000001", hdf5::H5UInt, 4, {2, 3, 4},
+                                                    image::DCompression::FILTER_NONE);
+        data.addAttribute("image_nr_low", hdf5::H5Float, 4, {}).write(std::vector<float>{1.0f}.data());
+        data.addAttribute("image_nr_high", hdf5::H5Int, 4, {}).write(2);
+        master.close();
+        testing::internal::CaptureStdout();
+        DHdf5Iterator series(master.path);
+        EXPECT_TRUE(series.empty());
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "Failed to read h5 file: Failed to read attribute: Wrong datatype\nUsing legacy code. \n");
+    }
+    {
+        // The legacy path checks the frame count against the numbers.
+        HandMadeMaster master(dir.path());
+        master.addFrames("frames", hdf5::H5UInt, 4, {2, 3, 4}, 1, 3);
+        master.close();
+        testing::internal::CaptureStdout();
+        DHdf5Iterator series(master.path);
+        EXPECT_THROW_MSG(series.update(), DImageCorruptedException,
+                         "Inconsistent hdf5 data attributes \"image_nr_low\" and \"image_number_high\"");
+        testing::internal::GetCapturedStdout();
+    }
+}
+
+TEST(Hdf5Iterator, DamagedFilesRaiseAndNeverCrash)
+{
+    norvexa_test::TempDir dir;
+    const std::string master = fixture("uint32_bslz4_master.h5");
+    std::ifstream in(master, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const fs::path damaged = dir.path() / "damaged_master.h5";
+    hdf5::DH5DontPrint quiet;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    int raised = 0;
+    for (std::size_t length = 0; length < bytes.size(); length += 1 + bytes.size() / 40) {
+        std::ofstream(damaged, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<long>(length));
+        try {
+            DHdf5Iterator series(damaged.string());
+            series.update();
+        } catch (const DException&) {
+            ++raised;
+        }
+    }
+    // Flipped bytes in a data file: its chunks fail to decode or decode to other pixels.
+    copyFixtures("uint32_bslz4_", dir.path());
+    const fs::path dataFile = dir.path() / "uint32_bslz4_data_000001.h5";
+    std::string data;
+    {
+        std::ifstream file(dataFile, std::ios::binary);
+        data.assign((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    }
+    for (std::size_t at = data.size() / 2; at < data.size(); at += 97)
+        data[at] = static_cast<char>(data[at] ^ 0x5a);
+    std::ofstream(dataFile, std::ios::binary | std::ios::trunc) << data;
+    for (int number = 1; number <= 3; ++number) {
+        try {
+            DHdf5Iterator((dir.path() / "uint32_bslz4_master.h5").string())[number];
+        } catch (const DException&) {
+            ++raised;
+        }
+    }
+    testing::internal::GetCapturedStderr();
+    testing::internal::GetCapturedStdout();
+    EXPECT_GT(raised, 30);
+}
