@@ -3,12 +3,15 @@
 // streams it and decode it again, and take its digest; then describe the frame with
 // metadata: the detector's module layout, its mask, and a few items of the exposure;
 // then write it as CBF and TIFF, read sample files of each format, and walk a numbered
-// series of files. Files go to "demo-files/" in the working directory.
+// series of files; write a series as an HDF5 master with data files, stored as the
+// detector's compressed chunks, and read it back. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
 #include "DFileSeriesIterator.h"
 #include "DGlobal.h"
+#include "DHdf5Writer.h"
 #include "DImage.h"
+#include "DImageSeries.h"
 #include "DImageWriter.h"
 #include "DMd5.h"
 #include "foundation/DException.h"
@@ -187,6 +190,53 @@ void filesAndSeries(const DImage& frame, const char* dataDirectory)
     }
 }
 
+// A series as a detector writes it: bitshuffle/LZ4 chunks stored as they stand in data
+// files of two frames each, behind a master file with the header; then read back.
+void hdf5Series(const DImage& frame)
+{
+    namespace fs = std::filesystem;
+    const fs::path out = fs::path("demo-files") / "hdf5";
+    fs::remove_all(out);
+    fs::create_directories(out);
+    std::vector<DImage> written;
+    auto start = std::chrono::steady_clock::now();
+    {
+        DHdf5Writer writer((out / "run.h5").string(), 2, frame.optionalData().neXus(),
+                           image::DCompression::FILTER_BS32_LZ4);
+        for (int i = 1; i <= 5; ++i) {
+            DImage shot = frame.asType<unsigned int>();
+            shot *= 1.0 + 0.1 * i;
+            DBasicImage chunk = shot.imageData();
+            chunk.setFilter(image::DCompression::FILTER_BS32_LZ4, 0);
+            writer.write(chunk);
+            written.push_back(std::move(shot));
+        }
+    }
+    std::cout << "\nHDF5 (in " << fs::absolute(out).string() << ")\n  wrote 5 frames in "
+              << millisecondsSince(start) << " ms:";
+    for (const auto& entry : fs::directory_iterator(out))
+        std::cout << " " << entry.path().filename().string();
+    std::cout << "\n";
+
+    DImageSeries series((out / "run_master.h5").string());
+    const nexus::DNeXusTree header = series.neXus();
+    std::size_t datasets = 0;
+    for (const auto* node : header.root().children(true))
+        datasets += node->type() == nexus::NeXusData;
+    std::cout << "  opened " << series.pathToImage(1) << ": images " << series.first() << " to "
+              << series.last() << ", a header of " << datasets << " datasets\n";
+    printMetadata("header", series.front());
+    for (int i = series.first(); i <= series.last(); ++i) {
+        const DImage image = series[static_cast<unsigned long>(i)];
+        const DImage& original = written[static_cast<std::size_t>(i - 1)];
+        const bool same = std::memcmp(image.cdata(), original.cdata(), original.size() * 4) == 0;
+        std::cout << "    #" << i << ": " << image.optionalData().imageDescription().value_or("")
+                  << ", count_time " << image.optionalData().count_time().value_or(0.0f)
+                  << " s, total counts " << totalCounts(image) << ", pixels "
+                  << (same ? "identical" : "DIFFERENT") << "\n";
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -245,5 +295,6 @@ int main(int argc, char** argv)
 
     describeWithMetadata(frame);
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
+    hdf5Series(frame);
     return equal ? 0 : 1;
 }
