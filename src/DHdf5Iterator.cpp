@@ -113,6 +113,8 @@ void readHeader(const DH5Group& group, Tree& tree, const std::string& path)
             std::cerr << "Error reading NeXus data " << datasetPath << "\n";
             continue;
         }
+        // Written once, then copied with every image: copies may share the bytes.
+        value.allowSharing();
         Node& node = tree.newPath(datasetPath, nexus::NeXusData);
         swap(node.asData().data(), value);
         readAttributes(data, node.asData());
