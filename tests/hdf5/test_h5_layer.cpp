@@ -43,16 +43,6 @@ std::vector<std::uint16_t> ramp(std::size_t n, std::uint16_t first)
     return v;
 }
 
-// Changes the working directory for the object's lifetime.
-class WorkingDirectory {
-public:
-    explicit WorkingDirectory(const fs::path& dir) : _saved(fs::current_path()) { fs::current_path(dir); }
-    ~WorkingDirectory() { fs::current_path(_saved); }
-
-private:
-    fs::path _saved;
-};
-
 bool printingIsOn()
 {
     H5E_auto2_t function = nullptr;
@@ -284,7 +274,7 @@ TEST(H5Layer, ExternalLinksResolveBesideTheMasterAndMayDangle)
     }
 
     // The working directory holds a file of the same name; the link must not find it.
-    WorkingDirectory cwd(dir.path() / "elsewhere");
+    norvexa_test::WorkingDirectory cwd(dir.path() / "elsewhere");
     DH5File master("../series/master.h5", "r");
     const DH5Group group = master.group("/entry/data");
     std::uint16_t values[2] = {};
