@@ -144,10 +144,10 @@ def write_header(f, full=False, mask_shape=(H, W)):
     beam = instrument.create_group("beam")
     nx_class(beam, "NXbeam")
     scalar(beam, "incident_wavelength", 1.0332, units="A")
-    spec = det.create_group("detectorSpecific")
-    nx_class(spec, "NXcollection")
-    scalar(spec, "nimages", 5, dtype=np.int32)
-    spec.create_dataset("pixel_mask", data=pixel_mask(*mask_shape))
+    specific = det.create_group("detectorSpecific")
+    nx_class(specific, "NXcollection")
+    scalar(specific, "nimages", 5, dtype=np.int32)
+    specific.create_dataset("pixel_mask", data=pixel_mask(*mask_shape))
 
 
 def data_group(f):
