@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <fstream>
 
+#include <hdf5.h>
+
 using namespace norvexa;
 using namespace norvexa::imglib;
 namespace fs = std::filesystem;
@@ -374,4 +376,38 @@ TEST(Hdf5Iterator, DamagedFilesRaiseAndNeverCrash)
     testing::internal::GetCapturedStderr();
     testing::internal::GetCapturedStdout();
     EXPECT_GT(raised, 30);
+}
+
+TEST(Hdf5Iterator, AnUnreadableHeaderDatasetIsReportedAndLeftOut)
+{
+    norvexa_test::TempDir dir;
+    const std::string path = (dir.path() / "odd.h5").string();
+    {
+        // A compound value, which no pixel type holds.
+        const hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
+        const hid_t group = H5Gcreate2(file, "/entry", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+        const hid_t type = H5Tcreate(H5T_COMPOUND, 8);
+        H5Tinsert(type, "a", 0, H5T_NATIVE_INT);
+        H5Tinsert(type, "b", 4, H5T_NATIVE_FLOAT);
+        const hid_t space = H5Screate(H5S_SCALAR);
+        const hid_t odd = H5Dcreate2(group, "odd", type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+        const hid_t good = H5Dcreate2(group, "good", H5T_NATIVE_INT, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+        const int seven = 7;
+        H5Dwrite(good, H5T_NATIVE_INT, H5S_ALL, H5S_ALL, H5P_DEFAULT, &seven);
+        for (const hid_t id : {good, odd})
+            H5Dclose(id);
+        H5Sclose(space);
+        H5Tclose(type);
+        H5Gclose(group);
+        H5Fclose(file);
+    }
+    hdf5::DH5DontPrint quiet;
+    testing::internal::CaptureStderr();
+    DHdf5Iterator series(path);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error reading NeXus data /entry/odd\n");
+    const nexus::DNeXusTree tree = series.neXus();
+    EXPECT_THROW(tree.at("/entry/odd"), DOutOfRangeException);
+    int value = 0;
+    tree.at("/entry/good").asData().asType(value, 1);
+    EXPECT_EQ(value, 7);
 }
