@@ -1,3 +1,4 @@
+#include "ReaderHelpers.h"
 #include "TestHelpers.h"
 
 #include "DTifReader.h"
@@ -5,44 +6,18 @@
 
 #include <boost/optional/optional_io.hpp>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
+using norvexa_test::pixelBytes;
+using norvexa_test::readerData;
 using Bytes = std::vector<char>;
-using Data = DAbstractImageReader::Data;
 
 namespace {
 
-const char* const REASONS[] = {"Invalid data offset",        "Invalid field type.",
-                               "Missing image width.",       "Missing image height.",
-                               "Missing number of strips.",  "Missing rows per strips.",
-                               "Missing bits per sample.",   "Unsupported tif data type.",
-                               "Invalid binary data."};
-
-Bytes fileBytes(const std::string& relative)
-{
-    std::ifstream in(norvexa_test::dataPath(relative), std::ios::binary);
-    EXPECT_TRUE(in.good()) << "missing fixture " << relative;
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-Data dataOf(const Bytes& bytes, std::size_t length)
-{
-    Data data;
-    data.resize(length);
-    if (length)
-        std::memcpy(data.data(), bytes.data(), length);
-    return data;
-}
-Data dataOf(const Bytes& bytes) { return dataOf(bytes, bytes.size()); }
+Bytes fixture(const std::string& name) { return norvexa_test::fileBytes(norvexa_test::dataPath("tiff/" + name)); }
 
 std::string corrupted(const std::string& reason) { return "Image mem.tif is corrupted. " + reason; }
 
@@ -116,16 +91,6 @@ Bytes pattern(std::size_t n)
     return b;
 }
 
-Bytes pixelsOf(const DImage& image)
-{
-    return Bytes(image.data(), image.data() + image.size() * image.dataSize());
-}
-
-bool isReason(const std::string& what)
-{
-    return std::any_of(std::begin(REASONS), std::end(REASONS), [&](const char* r) { return what == corrupted(r); });
-}
-
 } // namespace
 
 TEST(TifReader, FramesWrittenByIndependentToolsReadPixelForPixel)
@@ -139,10 +104,10 @@ TEST(TifReader, FramesWrittenByIndependentToolsReadPixelForPixel)
         ASSERT_EQ(std::sscanf(name, "%c%lu_%dx%d", &kind, &bits, &width, &height), 4);
         const datatypes::Type type = kind == 'u' ? datatypes::UINT : kind == 'i' ? datatypes::INT : datatypes::FLOAT;
         const std::string path = norvexa_test::dataPath(std::string("tiff/") + name + ".tif").string();
-        const Bytes expected = fileBytes(std::string("tiff/") + name + ".raw");
+        const Bytes expected = fixture(name + std::string(".raw"));
 
         const DTifReader fromFile(path.c_str(), 0);
-        const DTifReader fromMemory(dataOf(fileBytes(std::string("tiff/") + name + ".tif")), "mem.tif");
+        const DTifReader fromMemory(readerData(fixture(name + std::string(".tif"))), "mem.tif");
         for (const DTifReader* reader : {&fromFile, &fromMemory}) {
             EXPECT_EQ(reader->width(), width);
             EXPECT_EQ(reader->height(), height);
@@ -150,54 +115,47 @@ TEST(TifReader, FramesWrittenByIndependentToolsReadPixelForPixel)
             EXPECT_EQ(reader->typeBits(), bits);
             DImage image;
             reader->readData(image, nullptr);
-            EXPECT_TRUE(pixelsOf(image) == expected);
+            EXPECT_TRUE(pixelBytes(image) == expected);
         }
     }
 }
 
 TEST(TifReader, StripsEachGoToTheStartOfTheImage)
 {
-    const auto read = [](const std::string& name) {
-        DImage image;
-        DTifReader(norvexa_test::dataPath("tiff/" + name + ".tif").string().c_str(), 0).readData(image, nullptr);
-        return pixelsOf(image);
+    // Each strip is copied to the image's start: (file, image prefix, the frame's bytes it holds).
+    const std::size_t strip11 = 64 * 11 * 4, strip4 = 13 * 4 * 2, last = 3 * 2;
+    const struct {
+        const char* name;
+        std::size_t imageFrom, imageTo, frameFrom;
+    } cases[] = {
+        {"strips_u32_64x33_r11", 0, strip11, 2 * strip11}, // the last of three strips of 11 rows
+        {"strips_u16_13x11_r4", 0, last, 2 * strip4},      // the last strip copies 11 % 4 pixels, not rows
+        {"strips_u16_13x11_r4", last, strip4, strip4 + last},
+        {"strips_u16_13x11_r64", 0, 11 * 2, 0}, // rows beyond the height: as many pixels as rows
     };
-    {
-        SCOPED_TRACE("three strips of 11 rows: the last one stands at the start");
-        const Bytes frame = fileBytes("tiff/strips_u32_64x33_r11.raw");
-        const Bytes image = read("strips_u32_64x33_r11");
-        const std::size_t strip = 64 * 11 * 4;
-        EXPECT_TRUE(Bytes(image.begin(), image.begin() + strip) == Bytes(frame.begin() + 2 * strip, frame.end()));
-    }
-    {
-        SCOPED_TRACE("11 rows in strips of 4: the last strip copies 11 % 4 pixels, not rows");
-        const Bytes frame = fileBytes("tiff/strips_u16_13x11_r4.raw");
-        const Bytes image = read("strips_u16_13x11_r4");
-        const std::size_t strip = 13 * 4 * 2, last = 3 * 2;
-        EXPECT_TRUE(Bytes(image.begin(), image.begin() + last) ==
-                    Bytes(frame.begin() + 2 * strip, frame.begin() + 2 * strip + last));
-        EXPECT_TRUE(Bytes(image.begin() + last, image.begin() + strip) ==
-                    Bytes(frame.begin() + strip + last, frame.begin() + 2 * strip));
-    }
-    {
-        SCOPED_TRACE("rows per strip beyond the height: as many pixels as the image has rows");
-        const Bytes frame = fileBytes("tiff/strips_u16_13x11_r64.raw");
-        const Bytes image = read("strips_u16_13x11_r64");
-        EXPECT_TRUE(Bytes(image.begin(), image.begin() + 11 * 2) == Bytes(frame.begin(), frame.begin() + 11 * 2));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Bytes frame = fixture(c.name + std::string(".raw"));
+        DImage image;
+        DTifReader(norvexa_test::dataPath("tiff/" + std::string(c.name) + ".tif").string().c_str(), 0)
+            .readData(image, nullptr);
+        const Bytes pixels = pixelBytes(image);
+        EXPECT_TRUE(Bytes(pixels.begin() + c.imageFrom, pixels.begin() + c.imageTo) ==
+                    Bytes(frame.begin() + c.frameFrom, frame.begin() + c.frameFrom + c.imageTo - c.imageFrom));
     }
 }
 
 TEST(TifReader, TextHeaderAndModelText)
 {
     const std::string path = norvexa_test::dataPath("tiff/header_u32_7x5.tif").string();
-    const Bytes file = fileBytes("tiff/header_u32_7x5.tif");
+    const Bytes file = fixture("header_u32_7x5.tif");
     const DTifReader reader(path.c_str(), 0);
     const std::string model = "Model detector 1M, SN 31-0415";
     {
         SCOPED_TRACE("own metadata: the model text replaces the header's Detector line");
         DImage image;
         reader.readData(image, nullptr);
-        EXPECT_TRUE(pixelsOf(image) == fileBytes("tiff/header_u32_7x5.raw"));
+        EXPECT_TRUE(pixelBytes(image) == fixture("header_u32_7x5.raw"));
         const DImageOptionalData& meta = image.optionalData();
         EXPECT_EQ(meta.description(), model);
         EXPECT_EQ(meta.detector_number(), std::string("31-0415"));
@@ -211,7 +169,7 @@ TEST(TifReader, TextHeaderAndModelText)
         for (bool withModel : {false, true}) {
             if (withModel)
                 fields.push_back(asciiField(272, model));
-            const DTifReader lab(dataOf(tiff(Bytes(header.begin(), header.end()), {fields})), "mem.tif");
+            const DTifReader lab(readerData(tiff(Bytes(header.begin(), header.end()), {fields})), "mem.tif");
             DImageOptionalData own, caller;
             caller.set_description(std::string("caller's, SN 99-9999"));
             caller.set_count_time(5.0f);
@@ -228,9 +186,9 @@ TEST(TifReader, TextHeaderAndModelText)
     }
     {
         SCOPED_TRACE("a longer file: the raw header is its first 4096 bytes");
-        const Bytes big = fileBytes("tiff/u32_97x103.tif");
+        const Bytes big = fixture("u32_97x103.tif");
         DImageOptionalData meta;
-        DTifReader(dataOf(big), "mem.tif").readRawHeader(meta);
+        DTifReader(readerData(big), "mem.tif").readRawHeader(meta);
         EXPECT_EQ(meta.rawHeader(), std::string(big.begin(), big.begin() + 4096));
     }
 }
@@ -296,7 +254,7 @@ TEST(TifReader, DirectoryFailures)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
-        EXPECT_THROW_MSG(DTifReader(dataOf(c.file), "mem.tif"), DImageCorruptedException, corrupted(c.reason));
+        EXPECT_THROW_MSG(DTifReader(readerData(c.file), "mem.tif"), DImageCorruptedException, corrupted(c.reason));
     }
 }
 
@@ -305,7 +263,7 @@ TEST(TifReader, DirectoryChainAndFieldForms)
     const Bytes pixels = pattern(64);
     const auto readAll = [](const Bytes& b) {
         DImage image;
-        DTifReader(dataOf(b), "mem.tif").readData(image, nullptr);
+        DTifReader(readerData(b), "mem.tif").readData(image, nullptr);
         return image;
     };
     {
@@ -314,22 +272,22 @@ TEST(TifReader, DirectoryChainAndFieldForms)
         second[0] = {256, 3, 1, le(0xBEEF0003u, 4)};
         second[1] = {257, 3, 2, le(0x00070002u, 4)}; // of a count of 2, the first value
         const Bytes b = tiff(pixels, {imageFields(4, 4, 8, 1, 4, 8), second});
-        const DTifReader reader(dataOf(b), "mem.tif");
+        const DTifReader reader(readerData(b), "mem.tif");
         EXPECT_EQ(reader.width(), 3);
         EXPECT_EQ(reader.height(), 2);
         EXPECT_EQ(reader.dataType(), datatypes::INT);
         EXPECT_EQ(reader.typeBits(), 16u);
-        EXPECT_TRUE(pixelsOf(readAll(b)) == Bytes(pixels.begin() + 12, pixels.begin() + 24));
+        EXPECT_TRUE(pixelBytes(readAll(b)) == Bytes(pixels.begin() + 12, pixels.begin() + 24));
     }
     {
         SCOPED_TRACE("a next directory at 14 bytes or less before the end is not followed");
         Bytes b = tiff(pixels, {imageFields(4, 4, 8, 1, 4, 8)});
         put(b, b.size() - 4, b.size() - 14, 4);
-        EXPECT_EQ(DTifReader(dataOf(b), "mem.tif").width(), 4);
+        EXPECT_EQ(DTifReader(readerData(b), "mem.tif").width(), 4);
         put(b, b.size() - 4, b.size() - 15, 4); // one byte earlier it is followed, into the last entry
-        EXPECT_THROW_MSG(DTifReader(dataOf(b), "mem.tif"), DImageCorruptedException, corrupted("Invalid field type."));
+        EXPECT_THROW_MSG(DTifReader(readerData(b), "mem.tif"), DImageCorruptedException, corrupted("Invalid field type."));
         b.resize(b.size() - 2); // a next-directory field cut off ends the chain too
-        EXPECT_EQ(DTifReader(dataOf(b), "mem.tif").height(), 4);
+        EXPECT_EQ(DTifReader(readerData(b), "mem.tif").height(), 4);
     }
     {
         SCOPED_TRACE("strip offsets as an out-of-line LONG array and as SHORT");
@@ -343,7 +301,7 @@ TEST(TifReader, DirectoryChainAndFieldForms)
 
         fields = imageFields(2, 1, 8, 1, 1);
         fields[3] = {273, 3, 1, le(30, 2)};
-        EXPECT_TRUE(pixelsOf(readAll(tiff(pixels, {fields}))) == Bytes(pixels.begin() + 22, pixels.begin() + 24));
+        EXPECT_TRUE(pixelBytes(readAll(tiff(pixels, {fields}))) == Bytes(pixels.begin() + 22, pixels.begin() + 24));
     }
     {
         SCOPED_TRACE("every legal field type on a tag that isn't read; no sample format is unsigned");
@@ -351,7 +309,7 @@ TEST(TifReader, DirectoryChainAndFieldForms)
         fields.pop_back();
         for (std::uint16_t type = 1; type <= 11; ++type)
             fields.push_back({static_cast<std::uint16_t>(60000 + type), type, 3, pattern(24)});
-        const DTifReader reader(dataOf(tiff(pixels, {fields})), "mem.tif");
+        const DTifReader reader(readerData(tiff(pixels, {fields})), "mem.tif");
         EXPECT_EQ(reader.dataType(), datatypes::UINT);
         EXPECT_EQ(reader.typeBits(), 32u);
     }
@@ -386,7 +344,7 @@ TEST(TifReader, PixelDataFailures)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
-        const DTifReader reader(dataOf(c.file), "mem.tif");
+        const DTifReader reader(readerData(c.file), "mem.tif");
         // Absurd sizes exist as readers; their strips are refused, here on a one-pixel image.
         const bool small = std::uint64_t(reader.width()) * std::uint64_t(reader.height()) <= 4096;
         DImage image = small ? DImage(reader.width(), reader.height(), reader.dataType(), reader.typeBits() / 8)
@@ -397,47 +355,33 @@ TEST(TifReader, PixelDataFailures)
 
 TEST(TifReader, DamagedFilesFailCleanly)
 {
-    const Bytes file = fileBytes("tiff/u16_13x11.tif");
+    const Bytes file = fixture("u16_13x11.tif");
     const std::size_t stripOffset = 196;
     ASSERT_GT(file.size(), stripOffset);
-    {
-        SCOPED_TRACE("cut at every length: a bad offset in the directory, then bad binary data");
-        std::size_t firstReadable = file.size();
-        for (std::size_t length = 0; length < file.size(); ++length) {
-            SCOPED_TRACE(length);
-            const Data cut = dataOf(file, length);
-            try {
-                const DTifReader reader(cut, "mem.tif");
-                firstReadable = std::min(firstReadable, length);
-                DImage image;
-                EXPECT_THROW_MSG(reader.readData(image, nullptr), DImageCorruptedException,
-                                 corrupted("Invalid binary data."));
-            } catch (const DImageCorruptedException& e) {
-                EXPECT_EQ(std::string(e.what()), corrupted("Invalid data offset"));
-                EXPECT_LT(length, firstReadable) << "a shorter cut was readable";
-            }
-        }
-        EXPECT_LE(firstReadable, stripOffset);
-    }
-    {
-        SCOPED_TRACE("every byte flipped in turn: read, or one of the reader's own failures");
-        for (std::size_t at = 0; at < file.size(); ++at) {
-            for (unsigned char mask : {0xFF, 0x01, 0x80}) {
-                Bytes flipped = file;
-                flipped[at] = static_cast<char>(flipped[at] ^ mask);
-                try {
-                    const DTifReader reader(dataOf(flipped), "mem.tif");
-                    if (std::uint64_t(reader.width()) * reader.height() * reader.typeBits() > (64u << 23)) {
-                        DImage small(1, 1, datatypes::UINT, 1);
-                        reader.readPixelData(small);
-                    } else {
-                        DImage image;
-                        reader.readData(image, nullptr);
-                    }
-                } catch (const DImageCorruptedException& e) {
-                    EXPECT_TRUE(isReason(e.what())) << "byte " << at << ": " << e.what();
-                }
-            }
+    // Cut at every length: a bad offset in the directory, then bad binary data.
+    std::size_t firstReadable = file.size();
+    for (std::size_t length = 0; length < file.size(); ++length) {
+        SCOPED_TRACE(length);
+        try {
+            const DTifReader reader(readerData(file, length), "mem.tif");
+            firstReadable = std::min(firstReadable, length);
+            DImage image;
+            EXPECT_THROW_MSG(reader.readData(image, nullptr), DImageCorruptedException, corrupted("Invalid binary data."));
+        } catch (const DImageCorruptedException& e) {
+            EXPECT_EQ(std::string(e.what()), corrupted("Invalid data offset"));
+            EXPECT_LT(length, firstReadable) << "a shorter cut was readable";
         }
     }
+    EXPECT_LE(firstReadable, stripOffset);
+    norvexa_test::expectEveryFlipReadsOrFailsOwnWay<DImageCorruptedException>(
+        file, {0xFF, 0x01, 0x80},
+        [](const Bytes& flipped, std::size_t) {
+            const DTifReader reader(readerData(flipped), "mem.tif");
+            DImage image(1, 1, datatypes::UINT, 1); // absurd sizes go through the strip checks only
+            if (std::uint64_t(reader.width()) * reader.height() * reader.typeBits() > (64u << 23))
+                reader.readPixelData(image);
+            else
+                reader.readData(image, nullptr);
+        },
+        [](const std::string& what) { return what.rfind("Image mem.tif is corrupted. ", 0) == 0; });
 }

@@ -1,3 +1,4 @@
+#include "ReaderHelpers.h"
 #include "TestHelpers.h"
 
 #include "DCbfReader.h"
@@ -8,7 +9,6 @@
 #include <boost/optional/optional_io.hpp>
 
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 using namespace norvexa::imglib;
@@ -27,8 +27,7 @@ DImage readFile(const fs::path& path)
 // The first word of each "#" header line of a CBF (without "# " and a trailing ':').
 std::vector<std::string> headerKeys(const fs::path& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    const auto bytes = norvexa_test::fileBytes<std::string>(path);
     const auto start = bytes.find("_array_data.header_contents\r\n;\r\n") + 32;
     std::istringstream text(bytes.substr(start, bytes.find("\n;", start) - start));
     std::vector<std::string> keys;
@@ -61,8 +60,7 @@ TEST(ImageWriterRoundTrip, CbfReadWrittenAndReadAgain)
     const auto detector = std::find(keys.begin(), keys.end(), "Detector");
     ASSERT_NE(detector, keys.end());
     keys.insert(detector + 1, *(detector + 1));
-    keys.insert(keys.begin(),
-                "CBF"); // CBFlib's "# CBF file written by ..." comment is a "# " line too
+    keys.insert(keys.begin(), "CBF"); // CBFlib's "# CBF file written by ..." comment is a "# " line too
     EXPECT_EQ(headerKeys(dir.path() / "again.cbf"), keys);
 
     const auto& before = image.optionalData();
@@ -98,8 +96,7 @@ TEST(ImageWriterRoundTrip, TifWrittenAndRead)
         const DImage expected = format == DImageWriter::TIF_INT ? image : image.asType<float>();
         ASSERT_EQ(again.type(), expected.type());
         EXPECT_EQ(std::memcmp(again.cdata(), expected.cdata(), expected.size() * 4), 0);
-        EXPECT_EQ(again.optionalData().description(),
-                  image.optionalData().description()); // the Model tag
+        EXPECT_EQ(again.optionalData().description(), image.optionalData().description()); // the Model tag
         EXPECT_EQ(again.optionalData().count_time(), image.optionalData().count_time());
         EXPECT_EQ(again.optionalData().wavelength(), image.optionalData().wavelength());
     }
