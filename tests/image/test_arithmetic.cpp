@@ -31,10 +31,7 @@ std::vector<T> pixelsOf(const DImage& image)
     return std::vector<T>(p, p + image.size());
 }
 
-std::string describe(const DImage& image)
-{
-    return typeStr(image.type()) + std::to_string(image.typeBits());
-}
+std::string describe(const DImage& image) { return typeStr(image.type()) + std::to_string(image.typeBits()); }
 
 } // namespace
 
@@ -76,8 +73,7 @@ TEST(Arithmetic, CountImageTimesFactorImageInPlaceKeepsItsTypeAndRounds)
     DImage counts = imageOf<int>({0, 1, 2, 10, 1000, -1, -2, 2147483647});
     const DImage factors = imageOf<double>({1.5, 1.5, 1.25, 1.07, 1.0004, 1.07, 1.07, 2.0});
     counts *= factors;
-    EXPECT_EQ(pixelsOf<int>(counts),
-              (std::vector<int>{0, 2, 3, 11, 1000, -1, -2, 2147483647}));
+    EXPECT_EQ(pixelsOf<int>(counts), (std::vector<int>{0, 2, 3, 11, 1000, -1, -2, 2147483647}));
 
     DImage u16 = imageOf<unsigned short>({100, 65535, 3});
     u16 *= imageOf<float>({0.5f, 2.0f, -1.0f});
@@ -91,8 +87,7 @@ TEST(Arithmetic, CountImageTimesFactorImageInPlaceKeepsItsTypeAndRounds)
 
 TEST(Arithmetic, IntegersSaturateInsteadOfWrapping)
 {
-    EXPECT_EQ(pixelsOf<unsigned short>(imageOf<unsigned short>({5, 65000}) -
-                                       imageOf<unsigned short>({7, 1000})),
+    EXPECT_EQ(pixelsOf<unsigned short>(imageOf<unsigned short>({5, 65000}) - imageOf<unsigned short>({7, 1000})),
               (std::vector<unsigned short>{0, 64000}));
     EXPECT_EQ(pixelsOf<int>(imageOf<int>({2147483647, -2147483647}) + imageOf<int>({1, -5})),
               (std::vector<int>{2147483647, -2147483647 - 1}));
@@ -143,8 +138,7 @@ TEST(Arithmetic, CharAndSignedCharTakeDifferentPathsToTheSameNumbers)
     const DImage c = imageOf<char>({-5, 100, 3});
     const DImage s = imageOf<signed char>({-5, 100, 3});
     const DImage factor = imageOf<double>({2.0, 0.5, -1.0});
-    EXPECT_EQ(pixelsOf<double>((c * factor).asType<double>()),
-              pixelsOf<double>((s * factor).asType<double>()));
+    EXPECT_EQ(pixelsOf<double>((c * factor).asType<double>()), pixelsOf<double>((s * factor).asType<double>()));
     EXPECT_EQ(describe(c * factor), "FLOAT64");
     EXPECT_EQ(pixelsOf<double>(c * factor), (std::vector<double>{-10, 50, -3}));
 }
@@ -167,8 +161,7 @@ TEST(Arithmetic, ScalarOperationsAndMaskTimesFrame)
 TEST(Conversion, OrdinaryConversionDefinedEverywhere)
 {
     const DImage floats = imageOf<double>({1.9, -1.9, 3e10, -3e10, std::nan(""), 255.5});
-    EXPECT_EQ(pixelsOf<int>(floats.asType<int>()),
-              (std::vector<int>{1, -1, 2147483647, -2147483647 - 1, 0, 255}));
+    EXPECT_EQ(pixelsOf<int>(floats.asType<int>()), (std::vector<int>{1, -1, 2147483647, -2147483647 - 1, 0, 255}));
     EXPECT_EQ(pixelsOf<unsigned char>(floats.asType<unsigned char>()),
               (std::vector<unsigned char>{1, 0, 255, 0, 0, 255}));
     EXPECT_EQ(pixelsOf<unsigned short>(imageOf<int>({70000, -1}).asType<unsigned short>()),

@@ -121,3 +121,12 @@ TEST(Dispatch, FailedDispatchWritesNothing)
                      "Missing implementation for type FLOAT of size 16");
     EXPECT_EQ(std::memcmp(frame.cdata(), before.cdata(), frame.size() * 4), 0);
 }
+
+TEST(DataTypes, TypeStrNamesEveryClassAndRefusesOthers)
+{
+    for (const auto& [type, name] : {std::pair{NONE, "NONE"}, std::pair{BOOL, "BOOL"}, std::pair{CHAR, "CHAR"},
+                                     std::pair{UINT, "UINT"}, std::pair{INT, "INT"}, std::pair{FLOAT, "FLOAT"}})
+        EXPECT_EQ(typeStr(type), name);
+    EXPECT_THROW_MSG(typeStr(static_cast<Type>(6)), DNotImplementedException, "Unknown data type");
+    EXPECT_THROW_MSG(typeStr(static_cast<Type>(-1)), DNotImplementedException, "Unknown data type");
+}

@@ -1,3 +1,4 @@
+#include "SharedSegment.h"
 #include "TestHelpers.h"
 
 #include "DBasicImageOptionalData.h"
@@ -142,19 +143,13 @@ TEST(OptionalData, GettersFallBackAndNeverRaise)
                      "Path \"/entry/instrument/detector/detectorSpecific/pixel_mask\" does not contain NeXus data");
 }
 
-TEST(OptionalData, TextsMaskAndPlainOptionals)
+TEST(OptionalData, TextsAndMask)
 {
     DImageOptionalData data;
     data.setImageDescription(std::string(""));
     EXPECT_FALSE(data.imageDescription()) << "an empty text reads back as absent";
     data.setImageDescription(std::string("one frame"));
     EXPECT_EQ(*data.imageDescription(), "one frame");
-    data.setRawHeader(std::string("# Exposure_time 0.1 s\r\n"));
-    EXPECT_EQ(*data.rawHeader(), "# Exposure_time 0.1 s\r\n");
-    data.setRawHeader(boost::none);
-    EXPECT_FALSE(data.rawHeader());
-    data.set_rotation_angle(12.5f);
-    EXPECT_EQ(*data.rotation_angle(), 12.5f);
 
     DImage mask(4, 3, 0);
     mask.setPixel<int>(1, 1, 1);
@@ -162,8 +157,7 @@ TEST(OptionalData, TextsMaskAndPlainOptionals)
     data.set_pixel_mask(mask);
     const auto back = data.pixel_mask();
     ASSERT_TRUE(back);
-    EXPECT_EQ(back->type(), datatypes::UINT);
-    EXPECT_EQ(back->typeBits(), 32u);
+    EXPECT_EQ(std::make_pair(back->type(), back->typeBits()), std::make_pair(datatypes::UINT, 32ul));
     EXPECT_EQ(back->width(), 4);
     EXPECT_EQ(back->pixel<int>(1, 1, 0), 1);
     EXPECT_EQ(back->pixel<int>(3, 2, 0), 8);
@@ -267,17 +261,11 @@ TEST(OptionalData, CopiesMovesAndTheSharedForm)
     target.clear();
     EXPECT_EQ(everything(target), everything(DImageOptionalData()));
 
-    const std::string name = norvexa_test::uniqueShmName("norvexa_metadata");
-    {
-        ShmSegment segment(boost::interprocess::create_only, name.c_str(), 1 << 20);
-        ShmAllocator allocator(segment.get_segment_manager());
-        auto* shared = segment.construct<DBasicImageOptionalData<ShmAllocator>>("metadata")(data, allocator);
-        EXPECT_EQ(everything(*shared), all);
-        const DImageOptionalData back(*shared, StdAllocator());
-        EXPECT_EQ(everything(back), all);
-        segment.destroy_ptr(shared);
-    }
-    boost::interprocess::shared_memory_object::remove(name.c_str());
+    norvexa_test::SharedSegment shm(1 << 20);
+    auto* shared = shm.segment.construct<DBasicImageOptionalData<ShmAllocator>>("metadata")(data, shm.allocator());
+    EXPECT_EQ(everything(*shared), all);
+    EXPECT_EQ(everything(DImageOptionalData(*shared, StdAllocator())), all);
+    shm.segment.destroy_ptr(shared);
 }
 
 TEST(ImageMetadata, WhatKeepsBeingTheSameExposureKeepsItsMetadata)

@@ -39,6 +39,8 @@ void writeCbf(const std::string& path, int number)
 
 void touch(const std::string& path) { std::ofstream(path).put('x'); }
 
+std::pair<int, int> range(const DFileSeriesIterator& series) { return {series.first(), series.last()}; }
+
 } // namespace
 
 TEST(Paths, NormalizeAndParse)
@@ -60,22 +62,16 @@ TEST(Paths, NormalizeAndParse)
     std::string above = "/../a";
     EXPECT_THROW_MSG(utils::normalizePath(above), DNoFileAccessException, "Error: /../a is not a valid path");
 
-    std::string fileName = "/data/x_00042.cbf", suffix, base, directory;
-    utils::parseFileName(fileName, suffix, base, directory);
-    EXPECT_EQ(directory, "/data");
-    EXPECT_EQ(base, "x_00042");
-    EXPECT_EQ(suffix, "cbf");
-    fileName = "/img.cbf";
-    utils::parseFileName(fileName, suffix, base, directory);
-    EXPECT_EQ(directory, "");
-    EXPECT_EQ(base, "img");
-    fileName = "/d/.hidden";
-    utils::parseFileName(fileName, suffix, base, directory);
-    EXPECT_EQ(base, "");
-    EXPECT_EQ(suffix, "hidden");
-    fileName = "/";
-    utils::parseFileName(fileName, suffix, base, directory);
-    EXPECT_EQ(directory, "/");
+    // Name -> directory, base, suffix.
+    for (const auto& [input, directory, base, suffix] :
+         {std::tuple{"/data/x_00042.cbf", "/data", "x_00042", "cbf"}, std::tuple{"/img.cbf", "", "img", "cbf"},
+          std::tuple{"/d/.hidden", "/d", "", "hidden"}, std::tuple{"/d/noDot", "/d", "noDot", ""},
+          std::tuple{"/", "/", "", ""}, std::tuple{"", "", "", ""}}) {
+        SCOPED_TRACE(input);
+        std::string fileName = input, s, b, d;
+        utils::parseFileName(fileName, s, b, d);
+        EXPECT_EQ(std::tie(d, b, s), std::make_tuple(std::string(directory), std::string(base), std::string(suffix)));
+    }
 }
 
 TEST(FileSeries, FindsTheRangeAcrossGapsAndReadsAnyExistingIndex)
@@ -85,8 +81,7 @@ TEST(FileSeries, FindsTheRangeAcrossGapsAndReadsAnyExistingIndex)
         if (i != 5 && i != 6 && i != 13)
             writeCbf(name(dir.path(), "img_", i, 5, "cbf"), i);
     DFileSeriesIterator series(name(dir.path(), "img_", 7, 5, "cbf"), 10);
-    EXPECT_EQ(series.first(), 1);
-    EXPECT_EQ(series.last(), 20);
+    EXPECT_EQ(range(series), std::make_pair(1, 20));
     EXPECT_EQ(series.size(), 20u);
     EXPECT_EQ(series.imageIndex(name(dir.path(), "img_", 7, 5, "cbf")), 7);
     EXPECT_EQ(series.pathToImage(3), name(dir.path(), "img_", 3, 5, "cbf"));
@@ -119,8 +114,7 @@ TEST(FileSeries, PopUpdateAndFilesThatAppearLater)
     for (int i = 3; i <= 5; ++i)
         writeCbf(name(dir.path(), "run", i, 3, "cbf"), i);
     DFileSeriesIterator series(name(dir.path(), "run", 4, 3, "cbf"), 10);
-    EXPECT_EQ(series.first(), 3);
-    EXPECT_EQ(series.last(), 5);
+    EXPECT_EQ(range(series), std::make_pair(3, 5));
     series.popFront();
     series.popFront();
     series.popFront();
@@ -141,8 +135,7 @@ TEST(FileSeries, NamesWithoutNumberOrWithShrinkingDigits)
     const std::string plain = (dir.path() / "img.cbf").string();
     writeCbf(plain, 1);
     DFileSeriesIterator single(plain, 10);
-    EXPECT_EQ(single.first(), 0);
-    EXPECT_EQ(single.last(), 0);
+    EXPECT_EQ(range(single), std::make_pair(0, 0));
     EXPECT_EQ(single.size(), 1u);
     EXPECT_EQ(single.pathToImage(0), plain);
     EXPECT_EQ(single.pathToImage(3), (dir.path() / "img3.cbf").string());
@@ -150,14 +143,12 @@ TEST(FileSeries, NamesWithoutNumberOrWithShrinkingDigits)
 
     writeCbf(name(dir.path(), "zero_", 0, 4, "cbf"), 0);
     DFileSeriesIterator zero(name(dir.path(), "zero_", 0, 4, "cbf"), 10);
-    EXPECT_EQ(zero.first(), 0);
-    EXPECT_EQ(zero.last(), 0);
+    EXPECT_EQ(range(zero), std::make_pair(0, 0));
 
     touch((dir.path() / "a_9.cbf").string());
     touch((dir.path() / "a_10.cbf").string());
     DFileSeriesIterator shrinking((dir.path() / "a_10.cbf").string(), 10);
-    EXPECT_EQ(shrinking.first(), 9);
-    EXPECT_EQ(shrinking.last(), 10);
+    EXPECT_EQ(range(shrinking), std::make_pair(9, 10));
     EXPECT_EQ(shrinking.pathToImage(9), (dir.path() / "a_9.cbf").string()) << "the digits shrank to 1";
 }
 
@@ -214,8 +205,7 @@ TEST(FileSeries, AHundredThousandFilesAreFoundWithAFewHundredProbes)
     const unsigned long before = DFileSeriesIterator::probes();
     DFileSeriesIterator series(name(dir.path(), "big_", 31337, 6, "cbf"), 10);
     const unsigned long probes = DFileSeriesIterator::probes() - before;
-    EXPECT_EQ(series.first(), 1);
-    EXPECT_EQ(series.last(), 100000);
+    EXPECT_EQ(range(series), std::make_pair(1, 100000));
     EXPECT_LT(probes, 600u);
     RecordProperty("probes", static_cast<int>(probes));
 }

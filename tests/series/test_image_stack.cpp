@@ -6,14 +6,6 @@
 using namespace norvexa;
 using namespace norvexa::imglib;
 
-namespace {
-DImage tagged(int tag, int width = 4, int height = 3)
-{
-    DImage image(width, height, tag);
-    return image;
-}
-} // namespace
-
 TEST(ImageStack, KeepsTheNewestImagesByNumber)
 {
     DImageStack stack(3);
@@ -24,7 +16,7 @@ TEST(ImageStack, KeepsTheNewestImagesByNumber)
     EXPECT_THROW_MSG(stack.front(), DOutOfRangeException, "Image Stack is empty");
     stack.popFront(); // silent when empty
     for (int i = 1; i <= 4; ++i)
-        stack.pushBack(tagged(i));
+        stack.pushBack(DImage(4, 3, i)); // a frame whose pixels tell its number
     EXPECT_EQ(stack.size(), 3u);
     EXPECT_EQ(stack.last(), 2);
     EXPECT_EQ(stack[0].pixel<int>(0, 0, 0), 2);
@@ -41,7 +33,7 @@ TEST(ImageStack, KeepsTheNewestImagesByNumber)
 TEST(ImageStack, EveryStoredImageHasAMaskOfItsSizeAndTheCallersIsUntouched)
 {
     DImageStack stack(0);
-    DImage image = tagged(5, 6, 2);
+    DImage image(6, 2, 5);
     DImage wrongMask(3, 3, 1u);
     image.optionalData().set_pixel_mask(wrongMask);
     stack.pushBack(image);
