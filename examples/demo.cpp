@@ -7,6 +7,7 @@
 // detector's compressed chunks, and read it back. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
+#include "DemoPicture.h"
 #include "DFileSeriesIterator.h"
 #include "DGlobal.h"
 #include "DHdf5Writer.h"
@@ -296,5 +297,6 @@ int main(int argc, char** argv)
     describeWithMetadata(frame);
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
+    norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     return equal ? 0 : 1;
 }
