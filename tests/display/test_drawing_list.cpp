@@ -1,32 +1,17 @@
+#include "SharedSegment.h"
 #include "TestHelpers.h"
 
 #include "DDrawingList.h"
 #include "foundation/DException.h"
 
-#include <boost/interprocess/shared_memory_object.hpp>
-
 #include <string>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
-using image::ShmAllocator;
-using image::ShmSegment;
 
 namespace {
 
-// A uniquely named segment, removed when the test ends.
-struct Segment {
-    Segment() : name(norvexa_test::uniqueShmName("norvexa_drawing")), segment(boost::interprocess::create_only, name.c_str(), 1 << 20) {}
-    ~Segment() { boost::interprocess::shared_memory_object::remove(name.c_str()); }
-    ShmAllocator allocator() { return ShmAllocator(segment.get_segment_manager()); }
-    bool contains(const void* p) const
-    {
-        const char* base = static_cast<const char*>(segment.get_address());
-        return p >= base && p < base + segment.get_size();
-    }
-    std::string name;
-    ShmSegment segment;
-};
+using Segment = norvexa_test::SharedSegment;
 
 constexpr unsigned long kSlot = 8;
 
@@ -119,7 +104,7 @@ TEST(DrawingList, GrowthAccessAndClear)
 
 TEST(DrawingList, CopiesIntoSharedMemoryAndBack)
 {
-    Segment segment;
+    Segment segment(1 << 20);
     DStdDrawingList heap;
     pushSample(heap);
     for (int i = 0; i < 20; ++i)
@@ -140,7 +125,7 @@ TEST(DrawingList, CopiesIntoSharedMemoryAndBack)
     expectSample(back);
 
     // Assignment keeps each list in its own segment.
-    Segment other;
+    Segment other(1 << 20);
     DShmDrawingList elsewhere(other.allocator());
     elsewhere.pushBack(DDrawingPixel(1, 1, 0, 0, 0, 0));
     *shared = elsewhere;
