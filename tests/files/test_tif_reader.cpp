@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <tuple>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -18,6 +19,12 @@ using Bytes = std::vector<char>;
 namespace {
 
 Bytes fixture(const std::string& name) { return norvexa_test::fileBytes(norvexa_test::dataPath("tiff/" + name)); }
+
+// Width, height, type class and bits, as the reader reports them.
+std::tuple<int, int, datatypes::Type, unsigned long> shapeOf(const DTifReader& reader)
+{
+    return {reader.width(), reader.height(), reader.dataType(), reader.typeBits()};
+}
 
 std::string corrupted(const std::string& reason) { return "Image mem.tif is corrupted. " + reason; }
 
@@ -109,10 +116,7 @@ TEST(TifReader, FramesWrittenByIndependentToolsReadPixelForPixel)
         const DTifReader fromFile(path.c_str(), 0);
         const DTifReader fromMemory(readerData(fixture(name + std::string(".tif"))), "mem.tif");
         for (const DTifReader* reader : {&fromFile, &fromMemory}) {
-            EXPECT_EQ(reader->width(), width);
-            EXPECT_EQ(reader->height(), height);
-            EXPECT_EQ(reader->dataType(), type);
-            EXPECT_EQ(reader->typeBits(), bits);
+            EXPECT_EQ(shapeOf(*reader), std::make_tuple(width, height, type, bits));
             DImage image;
             reader->readData(image, nullptr);
             EXPECT_TRUE(pixelBytes(image) == expected);
@@ -273,10 +277,7 @@ TEST(TifReader, DirectoryChainAndFieldForms)
         second[1] = {257, 3, 2, le(0x00070002u, 4)}; // of a count of 2, the first value
         const Bytes b = tiff(pixels, {imageFields(4, 4, 8, 1, 4, 8), second});
         const DTifReader reader(readerData(b), "mem.tif");
-        EXPECT_EQ(reader.width(), 3);
-        EXPECT_EQ(reader.height(), 2);
-        EXPECT_EQ(reader.dataType(), datatypes::INT);
-        EXPECT_EQ(reader.typeBits(), 16u);
+        EXPECT_EQ(shapeOf(reader), std::make_tuple(3, 2, datatypes::INT, 16ul));
         EXPECT_TRUE(pixelBytes(readAll(b)) == Bytes(pixels.begin() + 12, pixels.begin() + 24));
     }
     {
@@ -309,9 +310,8 @@ TEST(TifReader, DirectoryChainAndFieldForms)
         fields.pop_back();
         for (std::uint16_t type = 1; type <= 11; ++type)
             fields.push_back({static_cast<std::uint16_t>(60000 + type), type, 3, pattern(24)});
-        const DTifReader reader(readerData(tiff(pixels, {fields})), "mem.tif");
-        EXPECT_EQ(reader.dataType(), datatypes::UINT);
-        EXPECT_EQ(reader.typeBits(), 32u);
+        EXPECT_EQ(shapeOf(DTifReader(readerData(tiff(pixels, {fields})), "mem.tif")),
+                  std::make_tuple(2, 2, datatypes::UINT, 32ul));
     }
     {
         SCOPED_TRACE("no strips (count 0, its type not tested) and no width or height: nothing is copied");

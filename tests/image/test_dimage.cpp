@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <tuple>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -22,10 +23,8 @@ TYPED_TEST(DImagePerType, FillPixelAccessAndConversion)
     using T = TypeParam;
     const T seven = static_cast<T>(7);
     DImage image(5, 4, seven);
-    EXPECT_EQ(image.width(), 5);
-    EXPECT_EQ(image.height(), 4);
-    EXPECT_EQ(image.type(), PixelTraits<T>::type);
-    EXPECT_EQ(image.dataSize(), sizeof(T));
+    EXPECT_EQ(std::make_tuple(image.width(), image.height(), image.type(), image.dataSize()),
+              std::make_tuple(5, 4, PixelTraits<T>::type, sizeof(T)));
     EXPECT_EQ(image.pixel<T>(4, 3, T(0)), seven);
     EXPECT_EQ(image.pixel<double>(0, 0, -1.0), static_cast<double>(seven));
     EXPECT_TRUE(image.pixel<bool>(2, 2, false));
@@ -50,8 +49,7 @@ TYPED_TEST(DImagePerType, FillPixelAccessAndConversion)
     EXPECT_EQ(asFloat.pixel<float>(4, 3, 0.0f), static_cast<float>(seven));
 
     const DImage sized(image, T(0));
-    EXPECT_EQ(sized.width(), 5);
-    EXPECT_EQ(sized.height(), 4);
+    EXPECT_EQ(std::make_pair(sized.width(), sized.height()), std::make_pair(5, 4));
     EXPECT_EQ(sized.pixel<double>(3, 3, -1.0), 0.0);
 }
 
@@ -59,11 +57,8 @@ TEST(DImage, DefaultAndEmptyImages)
 {
     const DImage image;
     EXPECT_TRUE(image.empty());
-    EXPECT_EQ(image.width(), 0);
-    EXPECT_EQ(image.height(), 0);
-    EXPECT_EQ(image.type(), INT);
-    EXPECT_EQ(image.typeBits(), 32u);
-    EXPECT_EQ(image.dataSize(), 4u);
+    EXPECT_EQ(std::make_tuple(image.width(), image.height(), image.type(), image.typeBits(), image.dataSize()),
+              std::make_tuple(0, 0, INT, 32ul, std::size_t(4)));
     EXPECT_EQ(image.pixel<int>(0, 0, 7), 7);
 
     // An empty image of a type without implementation still gives the default.
