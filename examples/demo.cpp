@@ -4,7 +4,8 @@
 // metadata: the detector's module layout, its mask, and a few items of the exposure;
 // then write it as CBF and TIFF, read sample files of each format, and walk a numbered
 // series of files; write a series as an HDF5 master with data files, stored as the
-// detector's compressed chunks, and read it back. Files go to "demo-files/" in the working directory.
+// detector's compressed chunks, and read it back; last, draw the frame in colour with its
+// colour bar as a PNG. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
 #include "DemoPicture.h"
