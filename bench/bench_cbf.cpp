@@ -30,6 +30,8 @@ using norvexa::imglib::DImage;
 using norvexa::imglib::DMd5;
 namespace datatypes = norvexa::datatypes;
 
+using norvexa_bench::add;
+
 namespace {
 
 // A frame written twice: with a Content-MD5 line, and without one (the decode alone).
@@ -237,12 +239,6 @@ void cbflibWholeBench(benchmark::State& state, const CbfFile* f)
 }
 #endif
 
-template <class... Args>
-void add(const std::string& name, Args&&... args)
-{
-    benchmark::RegisterBenchmark(name.c_str(), std::forward<Args>(args)...)->Unit(benchmark::kMillisecond);
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -252,10 +248,7 @@ int main(int argc, char** argv)
         std::filesystem::temp_directory_path() / ("norvexa_bench_cbf_" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
 
-    const struct {
-        const char* name;
-        norvexa_bench::Layout layout;
-    } frames[] = {{"2463x2527", norvexa_bench::layout6M()}, {"4148x4362", norvexa_bench::layout16M()}};
+    const std::vector<norvexa_bench::NamedLayout> frames = norvexa_bench::realSizes();
     std::vector<std::unique_ptr<CbfFile>> files;
     for (const auto& frame : frames) {
         auto f = std::make_unique<CbfFile>();

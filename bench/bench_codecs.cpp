@@ -15,6 +15,8 @@ using norvexa::image::DBitshuffle;
 using norvexa::image::DCompression;
 namespace codec = norvexa::image::codec;
 
+using norvexa_bench::add;
+
 namespace {
 
 struct Frame {
@@ -90,12 +92,6 @@ void transposeBench(benchmark::State& state, bool inverse, DBitshuffle::PATH pat
 }
 
 } // namespace
-
-template <class... Args>
-void add(const std::string& name, Args&&... args)
-{
-    benchmark::RegisterBenchmark(name.c_str(), std::forward<Args>(args)...)->Unit(benchmark::kMillisecond);
-}
 
 int main(int argc, char** argv)
 {

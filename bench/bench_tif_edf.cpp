@@ -25,6 +25,8 @@ using norvexa::imglib::DImage;
 using norvexa::imglib::DTifReader;
 namespace datatypes = norvexa::datatypes;
 
+using norvexa_bench::add;
+
 namespace {
 
 struct Frame {
@@ -151,12 +153,6 @@ void memcpyBench(benchmark::State& state, const Frame* f)
     setBytes(state, *f);
 }
 
-template <class... Args>
-void add(const std::string& name, Args&&... args)
-{
-    benchmark::RegisterBenchmark(name.c_str(), std::forward<Args>(args)...)->Unit(benchmark::kMillisecond);
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -166,10 +162,7 @@ int main(int argc, char** argv)
         std::filesystem::temp_directory_path() / ("norvexa_bench_tif_edf_" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
 
-    const struct {
-        const char* name;
-        norvexa_bench::Layout layout;
-    } layouts[] = {{"2463x2527", norvexa_bench::layout6M()}, {"4148x4362", norvexa_bench::layout16M()}};
+    const std::vector<norvexa_bench::NamedLayout> layouts = norvexa_bench::realSizes();
     std::vector<std::unique_ptr<Frame>> frames;
     for (const auto& layout : layouts) {
         auto f = std::make_unique<Frame>();

@@ -51,4 +51,9 @@ template std::vector<std::int32_t> detectorFrame<std::int32_t>(const Layout&, un
 template std::vector<float> detectorFrame<float>(const Layout&, unsigned, double);
 template std::vector<double> detectorFrame<double>(const Layout&, unsigned, double);
 
+std::vector<NamedLayout> realSizes()
+{
+    return {{"2463x2527", layout6M()}, {"4148x4362", layout16M()}};
+}
+
 } // namespace norvexa_bench

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <cstdint>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace norvexa_bench {
@@ -17,6 +21,20 @@ struct Layout {
 Layout layout6M();
 /// 4148 x 4362: 4 x 8 modules of 1028 x 512, gaps of 12 and 38.
 Layout layout16M();
+
+/// The two frame sizes every file benchmark runs on, by name ("2463x2527", "4148x4362").
+struct NamedLayout {
+    const char* name;
+    Layout layout;
+};
+std::vector<NamedLayout> realSizes();
+
+/// Registers a benchmark that reports in milliseconds.
+template <class... Args>
+void add(const std::string& name, Args&&... args)
+{
+    benchmark::RegisterBenchmark(name.c_str(), std::forward<Args>(args)...)->Unit(benchmark::kMillisecond);
+}
 
 /// A frame with realistic content: Poisson background of low mean, a few hundred
 /// bright Bragg-like spots, and the gaps between modules set to -1 (all bits set for
