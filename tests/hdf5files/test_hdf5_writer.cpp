@@ -223,31 +223,43 @@ TEST(Hdf5Writer, FilesReadInH5pyWithIdenticalPixels)
 {
     norvexa_test::TempDir dir;
     std::map<int, std::string> digests;
-    for (const DCompression::FILTER filter : {DCompression::FILTER_LZ4, DCompression::FILTER_BS32_LZ4}) {
-        const std::string base = (dir.path() / ("p" + std::to_string(static_cast<int>(filter)))).string();
-        {
-            DHdf5Writer writer(base + ".h5", 2, header(), filter);
-            for (int number = 1; number <= 5; ++number) {
-                number % 2 ? writer.write(compressed(number, filter)) : writer.write(numbered(number));
-                digests[number] = md5(numbered(number));
+    for (int number = 1; number <= 5; ++number)
+        digests[number] = md5(numbered(number));
+    for (const DCompression::FILTER filter :
+         {DCompression::FILTER_NONE, DCompression::FILTER_LZ4, DCompression::FILTER_BS32_LZ4}) {
+        for (const int perFile : {0, 2}) {
+            SCOPED_TRACE(std::to_string(filter) + "/" + std::to_string(perFile));
+            const std::string name = "p" + std::to_string(static_cast<int>(filter) + 1) + "_" + std::to_string(perFile);
+            const std::string base = (dir.path() / name).string();
+            {
+                DHdf5Writer writer(base + ".h5", perFile, header(), filter);
+                for (int number = 1; number <= 5; ++number)
+                    number % 2 ? writer.write(compressed(number, filter)) : writer.write(numbered(number));
             }
+            const auto [status, output] = runH5py(base + (perFile ? "_master.h5" : ".h5"));
+            if (status == 77) {
+                GTEST_SKIP() << output;
+            }
+            ASSERT_EQ(status, 0) << output;
+            // Single file: one dataset of all five; else data files of two.
+            const int per = perFile ? perFile : 5;
+            std::ostringstream expected;
+            for (int file = 1; per * (file - 1) < 5; ++file) {
+                const int low = per * (file - 1) + 1;
+                const int high = std::min(per * file, 5);
+                char line[128];
+                if (perFile)
+                    std::snprintf(line, sizeof line, "link data_%06d %s_data_%06d.h5 %d %d\n", file, name.c_str(),
+                                  file, low, high);
+                else
+                    std::snprintf(line, sizeof line, "link data_%06d - %d %d\n", file, low, high);
+                expected << line;
+                for (int number = low; number <= high; ++number)
+                    expected << "image " << number << " uint32 17x23 " << digests[number] << "\n";
+            }
+            EXPECT_EQ(output.substr(0, expected.str().size()), expected.str());
+            EXPECT_NE(output.find("header /entry/instrument/detector/count_time 0.25\n"), std::string::npos) << output;
+            EXPECT_NE(output.find("header /entry/instrument/detector/description Test\n"), std::string::npos) << output;
         }
-        const auto [status, output] = runH5py(base + "_master.h5");
-        if (status == 77) {
-            GTEST_SKIP() << output;
-        }
-        ASSERT_EQ(status, 0) << output;
-        std::ostringstream expected;
-        for (int file = 1; file <= 3; ++file) {
-            char line[128];
-            std::snprintf(line, sizeof line, "link data_%06d %s_data_%06d.h5 %d %d\n", file,
-                          fs::path(base).filename().c_str(), file, 2 * file - 1, std::min(2 * file, 5));
-            expected << line;
-            for (int number = 2 * file - 1; number <= std::min(2 * file, 5); ++number)
-                expected << "image " << number << " uint32 17x23 " << digests[number] << "\n";
-        }
-        EXPECT_EQ(output.substr(0, expected.str().size()), expected.str());
-        EXPECT_NE(output.find("header /entry/instrument/detector/count_time 0.25\n"), std::string::npos) << output;
-        EXPECT_NE(output.find("header /entry/instrument/detector/description Test\n"), std::string::npos) << output;
     }
 }
