@@ -30,14 +30,10 @@ public:
 /// The HDF5 element class of a pixel type; DContinueException for a type without one.
 hdf5::DataType elementClass(datatypes::Type type)
 {
-    switch (type) {
-    case datatypes::BOOL:
-    case datatypes::INT: return hdf5::H5Int;
-    case datatypes::UINT: return hdf5::H5UInt;
-    case datatypes::FLOAT: return hdf5::H5Float;
-    case datatypes::CHAR: return hdf5::H5String;
-    default: throw DContinueException();
-    }
+    hdf5::DataType h5Type;
+    if (!hdf5::dataTypeOf(type, h5Type))
+        throw DContinueException();
+    return h5Type;
 }
 
 /// The value's shape in HDF5's order (slowest first); empty for a scalar.
@@ -46,17 +42,13 @@ std::vector<long> dimensions(const Image& value)
     return std::vector<long>(value.shape().rbegin(), value.shape().rend());
 }
 
-/// The value's plain bytes: a compressed value is decoded on a copy first.
-template <class Write>
-void withPlainBytes(const Image& value, Write write)
+/// The value with plain pixels: a copy, which shares a plain value's bytes and decodes a
+/// compressed one.
+Image plain(const Image& value)
 {
-    if (value.filter() == DCompression::FILTER_NONE) {
-        write(value.cdata());
-        return;
-    }
-    Image plain(value);
-    plain.setFilter(DCompression::FILTER_NONE, 0);
-    write(plain.cdata());
+    Image copy(value);
+    copy.setFilter(DCompression::FILTER_NONE, 0);
+    return copy;
 }
 
 std::string sixDigits(int index)
@@ -88,10 +80,8 @@ void writeAttributes(H5Object& object, const std::vector<const Tree::Node*>& att
             if (value.empty())
                 throw DContinueException();
             const hdf5::DataType type = elementClass(value.type());
-            withPlainBytes(value, [&](const char* bytes) {
-                object.addAttribute(attribute->name(), type, value.typeBits() / 8, dimensions(value))
-                    .write(static_cast<const void*>(bytes));
-            });
+            object.addAttribute(attribute->name(), type, value.typeBits() / 8, dimensions(value))
+                .write(static_cast<const void*>(plain(value).cdata()));
         } catch (const DContinueException&) {
         }
     }
@@ -124,7 +114,7 @@ void writeHeader(DH5File& file, const Tree& header)
                 throw DContinueException();
             DH5Data dataset = file.addDataset(path, elementClass(value.type()), value.typeBits() / 8,
                                               dimensions(value), DCompression::FILTER_NONE);
-            withPlainBytes(value, [&](const char* bytes) { dataset.write(bytes); });
+            dataset.write(plain(value).cdata());
             writeAttributes(dataset, attributes);
         } catch (const DContinueException&) {
         }
@@ -251,9 +241,7 @@ private:
         if (image.filter() == filter) {
             dataset.writePrecompressedChunk(image.cdata(), image.usedBytes(), offset);
         } else {
-            Image plain(image);
-            plain.setFilter(DCompression::FILTER_NONE, 0);
-            dataset.writeChunk(plain.cdata(), offset);
+            dataset.writeChunk(plain(image).cdata(), offset);
         }
         ++offset[0];
     }

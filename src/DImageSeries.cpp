@@ -119,7 +119,7 @@ DImage DImageSeries::operator[](unsigned long index) const
 
 DImage DImageSeries::at(unsigned long index) const
 {
-    return (*_iterator)[static_cast<int>(index)];
+    return (*this)[index];
 }
 
 nexus::DNeXusTree DImageSeries::neXus() const
