@@ -1,7 +1,7 @@
 // Arithmetic of an image with a scalar of any pixel type, out of place and in place.
 
 #include "foundation/image/DBinaryDispatcher.h"
-#include "kernels/Arithmetic.h"
+#include "image/kernels/Arithmetic.h"
 
 namespace norvexa {
 namespace kernels {

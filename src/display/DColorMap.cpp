@@ -4,7 +4,7 @@
 #include "foundation/DAssert.h"
 #include "foundation/DException.h"
 #include "foundation/image/DBinaryDispatcher.h"
-#include "kernels/ColorMap.h"
+#include "display/kernels/ColorMap.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,7 +1,7 @@
 #include "DContrast.h"
 
 #include "foundation/image/DBinaryDispatcher.h"
-#include "kernels/ColorMap.h"
+#include "display/kernels/ColorMap.h"
 
 #include <boost/optional.hpp>
 

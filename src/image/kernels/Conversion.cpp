@@ -2,7 +2,7 @@
 
 #include "foundation/image/DBasicImage.h"
 #include "foundation/image/DBinaryDispatcher.h"
-#include "kernels/PixelMath.h"
+#include "image/kernels/PixelMath.h"
 
 #include <cstring>
 

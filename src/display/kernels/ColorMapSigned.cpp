@@ -1,6 +1,6 @@
 // Colour mapping and contrast sampling for the signed integer pixels, with every mask type.
 
-#include "kernels/ColorMapBodies.h"
+#include "display/kernels/ColorMapBodies.h"
 
 namespace norvexa {
 namespace kernels {

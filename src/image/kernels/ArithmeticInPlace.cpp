@@ -1,7 +1,7 @@
 // In-place arithmetic of two images: 144 (left, right) bodies; the left keeps its type.
 
 #include "foundation/image/DBinaryDispatcher.h"
-#include "kernels/Arithmetic.h"
+#include "image/kernels/Arithmetic.h"
 
 namespace norvexa {
 namespace kernels {

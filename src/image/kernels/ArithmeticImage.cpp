@@ -2,7 +2,7 @@
 
 #include "foundation/DException.h"
 #include "foundation/image/DBinaryDispatcher.h"
-#include "kernels/Arithmetic.h"
+#include "image/kernels/Arithmetic.h"
 
 namespace norvexa {
 namespace kernels {

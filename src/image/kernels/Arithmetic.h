@@ -4,7 +4,7 @@
 // the operators of DBasicImage call.
 
 #include "foundation/image/DBasicImage.h"
-#include "kernels/PixelMath.h"
+#include "image/kernels/PixelMath.h"
 
 #include <cstddef>
 

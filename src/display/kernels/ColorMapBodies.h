@@ -4,8 +4,8 @@
 // them.
 
 #include "DMersenneTwister.h"
-#include "kernels/ColorMap.h"
-#include "kernels/PixelMath.h"
+#include "display/kernels/ColorMap.h"
+#include "image/kernels/PixelMath.h"
 
 #include <algorithm>
 #include <cstddef>
