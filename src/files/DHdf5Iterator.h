@@ -53,8 +53,24 @@ public:
     /// The image of that number, with the header's metadata, the description
     /// "<file> # <number>/<size>", neXusIndex the number, and a mask of the image's size
     /// (the file's when it fits, else all zero, UINT 32). An out-of-range number updates
-    /// once, then raises DOutOfRangeException "Image number <n> out of range".
+    /// once, then raises DOutOfRangeException "Image number <n> out of range". A frame
+    /// stored as one chunk in the LZ4 or bitshuffle/LZ4 form is decoded by the library
+    /// itself, whatever filter plugins are installed; a chunk that does not decode raises
+    /// DImageCorruptedException.
     DImage operator[](int imgNr) const override;
+    /// Image `imgNr` as it is stored, not decoded: its chunk in the FILTER_* form of the
+    /// dataset's filter, read by a direct chunk read, with the metadata operator[] gives.
+    /// It decodes when it enters a DImage (DImage(std::move(s.pixels),
+    /// std::move(s.metadata))), and DHdf5Writer stores it as it stands where the writer's
+    /// filter matches, so that a series copies without decoding. A dataset that is not
+    /// chunked one frame a chunk, a filter the library does not know, or a chunk that
+    /// skipped a filter give the decoded pixels (FILTER_NONE) instead. Failures as
+    /// operator[].
+    struct StoredImage {
+        image::DBasicImage<image::StdAllocator> pixels;
+        DImageOptionalData metadata;
+    };
+    StoredImage storedImage(int imgNr) const;
     bool empty() const override;
     void update() override;
 
