@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <limits>
+#include <regex>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -106,17 +107,9 @@ void putRandomValue(nexus::DBasicNeXusData<image::StdAllocator>& data, DMersenne
 
 TEST(OptionalData, ANewObjectKnowsNothing)
 {
-    const DImageOptionalData data;
-#define NORVEXA_EXPECT_ABSENT(NAME, VALUE, STORED, UNIT, PATH1, PATH2, PATH3)                      \
-    EXPECT_FALSE(data.NAME()) << #NAME;
-    NORVEXA_METADATA_ITEMS(NORVEXA_EXPECT_ABSENT)
-#undef NORVEXA_EXPECT_ABSENT
-    EXPECT_EQ(data.neXusIndex(), 0);
-    EXPECT_FALSE(data.modules());
-    EXPECT_FALSE(data.pixel_mask());
-    EXPECT_FALSE(data.imageDescription());
-    EXPECT_FALSE(data.rawHeader());
-    EXPECT_FALSE(data.rotation_angle());
+    EXPECT_TRUE(std::regex_match(everything(DImageOptionalData()), std::regex("(\\w+=-;)+index=0;modules=0")))
+        << everything(DImageOptionalData());
+    EXPECT_FALSE(DImageOptionalData().pixel_mask());
 }
 
 TEST(OptionalData, SettersWriteTheTreeWithTheirUnitsAndStoredTypes)
