@@ -85,42 +85,50 @@ std::pair<int, std::string> runH5py(const std::string& master)
 TEST(Hdf5Writer, FilesFillAndTheLastIsClosedOnClose)
 {
     norvexa_test::TempDir dir;
-    for (const auto& [count, files] : {std::pair<int, int>{250, 3}, std::pair<int, int>{200, 2}}) {
-        SCOPED_TRACE(count);
-        const std::string name = (dir.path() / ("s" + std::to_string(count) + ".h5")).string();
-        DHdf5Writer writer(name, 100, header(), DCompression::FILTER_BS32_LZ4);
+    // (name given, stem of the data files, master): a name ending in "_master" is the master's.
+    for (const auto& [given, stem, master, count] : {std::tuple{"s.h5", "s", "s_master.h5", 250},
+                                                     std::tuple{"t_master.h5", "t_master", "t_master.h5", 200}}) {
+        SCOPED_TRACE(given);
+        const auto dataFile = [&dir, stem = std::string(stem)](int file) {
+            char name[64];
+            std::snprintf(name, sizeof name, "%s_data_%06d.h5", stem.c_str(), file);
+            return dir.path() / name;
+        };
+        DHdf5Writer writer((dir.path() / given).string(), 100, header(), DCompression::FILTER_BS32_LZ4);
+        EXPECT_EQ(writer.numImagesPerFile(), 100);
         for (int number = 1; number <= count; ++number) {
             writer.write(numbered(number));
             if (number == 150) {
-                EXPECT_EQ(imageNumbers(dir.path() / ("s" + std::to_string(count) + "_data_000001.h5")),
-                          std::make_pair(1, 100));
+                EXPECT_EQ(imageNumbers(dataFile(1)), std::make_pair(1, 100));
             }
         }
         writer.close();
-        for (int file = 1; file <= files; ++file) {
-            char dataName[64];
-            std::snprintf(dataName, sizeof dataName, "s%d_data_%06d.h5", count, file);
-            EXPECT_EQ(imageNumbers(dir.path() / dataName),
-                      std::make_pair(100 * file - 99, std::min(100 * file, count)));
-        }
-        EXPECT_FALSE(fs::exists(dir.path() / ("s" + std::to_string(count) + "_data_00000" +
-                                              std::to_string(files + 1) + ".h5")));
-        expectSeries((dir.path() / ("s" + std::to_string(count) + "_master.h5")).string(), count);
+        const int files = (count + 99) / 100;
+        for (int file = 1; file <= files; ++file)
+            EXPECT_EQ(imageNumbers(dataFile(file)), std::make_pair(100 * file - 99, std::min(100 * file, count)));
+        EXPECT_FALSE(fs::exists(dataFile(files + 1)));
+        expectSeries((dir.path() / master).string(), count);
     }
+    EXPECT_FALSE(fs::exists(dir.path() / "t_master_master.h5"));
 }
 
-TEST(Hdf5Writer, NamesHeaderAndClosedWriters)
+TEST(Hdf5Writer, HeaderTypelessImagesAndClosedWriters)
 {
     norvexa_test::TempDir dir;
+    // An image of no pixel type is refused, and leaves the written files readable.
     {
-        DHdf5Writer writer((dir.path() / "series_master.h5").string(), 2, header(), DCompression::FILTER_LZ4);
-        EXPECT_EQ(writer.numImagesPerFile(), 2);
-        for (int number = 1; number <= 3; ++number)
-            writer.write(numbered(number));
+        DHdf5Writer writer((dir.path() / "t.h5").string(), 0, header(), DCompression::FILTER_LZ4);
+        Image typeless(image::StdAllocator(), datatypes::NONE, 32);
+        typeless.resize2D(4, 4);
+        try {
+            writer.write(typeless);
+            ADD_FAILURE() << "an image of no pixel type was written";
+        } catch (const DException& e) {
+            EXPECT_EQ(e.what(), nullptr);
+        }
+        writer.write(numbered(1));
     }
-    EXPECT_TRUE(fs::exists(dir.path() / "series_master_data_000001.h5"));
-    EXPECT_TRUE(fs::exists(dir.path() / "series_master_data_000002.h5"));
-    EXPECT_FALSE(fs::exists(dir.path() / "series_master_master.h5"));
+    expectSeries((dir.path() / "t.h5").string(), 1);
 
     // The header: values written, empty ones left out; a file with no image has no
     // "/entry/data".
@@ -135,7 +143,7 @@ TEST(Hdf5Writer, NamesHeaderAndClosedWriters)
     }
 
     // A tree read back carries no attribute values, so none is written.
-    const nexus::DNeXusTree readBack = DHdf5Iterator((dir.path() / "series_master.h5").string()).neXus();
+    const nexus::DNeXusTree readBack = DHdf5Iterator((dir.path() / "t.h5").string()).neXus();
     DHdf5Writer copy((dir.path() / "copy.h5").string(), 0, readBack, DCompression::FILTER_LZ4);
     copy.close();
     const hdf5::DH5File file((dir.path() / "copy.h5").string(), "r");
@@ -153,23 +161,6 @@ TEST(Hdf5Writer, NamesHeaderAndClosedWriters)
     EXPECT_THROW(closed.open((dir.path() / "missing" / "x.h5").string(), 1, header(), DCompression::FILTER_LZ4),
                  DRuntimeException);
     EXPECT_THROW_MSG(closed.write(numbered(1)), DRuntimeException, "DHdfWriter not open");
-}
-
-TEST(Hdf5Writer, AnImageOfNoPixelTypeLeavesTheWrittenFilesReadable)
-{
-    norvexa_test::TempDir dir;
-    DHdf5Writer writer((dir.path() / "t.h5").string(), 0, header(), DCompression::FILTER_LZ4);
-    Image typeless(image::StdAllocator(), datatypes::NONE, 32);
-    typeless.resize2D(4, 4);
-    try {
-        writer.write(typeless);
-        ADD_FAILURE() << "an image of no pixel type was written";
-    } catch (const DException& e) {
-        EXPECT_EQ(e.what(), nullptr);
-    }
-    writer.write(numbered(1));
-    writer.close();
-    expectSeries((dir.path() / "t.h5").string(), 1);
 }
 
 // Every filter, one file and data files of three: images stored as they stand, decoded and

@@ -19,6 +19,12 @@ public:
         : DAbstractImageReader(norvexa_test::readerData(text), "probe.cbf"), _width(width), _height(height), _corrupt(corrupt)
     {
     }
+    // From a file, with the size the caller expects.
+    ProbeReader(std::size_t expectedSize, const char* path)
+        : DAbstractImageReader(path, expectedSize), _width(0), _height(0), _corrupt(false)
+    {
+    }
+    using DAbstractImageReader::fileData;
     int width() const override { return note("width"), _width; }
     int height() const override { return note("height"), _height; }
     datatypes::Type dataType() const override { return note("dataType"), datatypes::INT; }
@@ -246,18 +252,7 @@ TEST(ReaderFrame, ReadDataRunsItsStepsInOrder)
 
 TEST(ReaderFrame, FilesThatCanAndCannotBeRead)
 {
-    struct FileReader : DAbstractImageReader {
-        using DAbstractImageReader::DAbstractImageReader;
-        using DAbstractImageReader::fileData;
-        int width() const override { return 0; }
-        int height() const override { return 0; }
-        datatypes::Type dataType() const override { return datatypes::INT; }
-        unsigned long typeBits() const override { return 32; }
-        void readPixelData(DImage&) const override {}
-        void readImageSpecificHeader(DImageOptionalData&) const override {}
-        void readHeaderData(DImageOptionalData&) const override {}
-        void readRawHeader(DImageOptionalData&) const override {}
-    };
+    const auto FileReader = [](const char* path, std::size_t size) { return ProbeReader(size, path); };
     EXPECT_THROW_MSG(FileReader("", 0), DRuntimeException,
                      "DAbstractImageReader: Passed empty string as filename");
     norvexa_test::TempDir dir;
@@ -271,7 +266,7 @@ TEST(ReaderFrame, FilesThatCanAndCannotBeRead)
     EXPECT_EQ(FileReader(empty.c_str(), 7).fileData().size(), 0u);
     const std::string some = (dir.path() / "some.cbf").string();
     std::ofstream(some, std::ios::binary) << "abc";
-    const FileReader reader(some.c_str(), 0);
+    const ProbeReader reader = FileReader(some.c_str(), 0);
     ASSERT_EQ(reader.fileData().size(), 3u);
     EXPECT_EQ(std::string(reader.fileData().cdata(), 3), "abc");
     for (std::size_t i = 0; i < DAbstractImageReader::kPadding; ++i)

@@ -59,13 +59,6 @@ std::vector<std::string> dacNames(const DImageModule& module)
 
 } // namespace
 
-TEST(ImageModule, NewModuleIsEmpty)
-{
-    const DImageModule module;
-    EXPECT_TRUE(module == DImageModule(DRect(), {}, -1)) << "no chips, table or DACs, number -1";
-    EXPECT_EQ(module.vrf(), 0.0);
-}
-
 TEST(ImageModule, Chips)
 {
     EXPECT_EQ(DImageModule(DRect(), chipRow(16), 0).numberOfChips(), DImageModule::MAX_NUMBER_OF_CHIPS);
@@ -88,9 +81,11 @@ TEST(ImageModule, Chips)
     EXPECT_EQ(module.numberOfChips(), 0);
 }
 
-TEST(ImageModule, DACsAndVrf)
+TEST(ImageModule, NewModuleDACsAndVrf)
 {
     DImageModule module;
+    EXPECT_TRUE(module == DImageModule(DRect(), {}, -1)) << "new: no chips, table or DACs, number -1";
+    EXPECT_EQ(module.vrf(), 0.0);
     module.addDAC("vthr", 9);
     module.setVrf(-0.15);
     module.setVrf(0.25);
