@@ -181,8 +181,7 @@ TEST(ColorMap, FormatsRectangleAndFailures)
             grid.setPixel<int>(x, y, x + 10 * y);
     DRect rect(1, 1, 2, 2);
     const DImage part = DColorMap::rgb(grid, 256, 0, 0, DColorTable::grey(), kRgb, nullptr, &rect, 0, false, false);
-    EXPECT_EQ(part.width(), 2);
-    EXPECT_EQ(part.height(), 2);
+    EXPECT_EQ(std::make_pair(part.width(), part.height()), std::make_pair(2, 2));
     EXPECT_FALSE(part.optionalData().pixelMaskSize());
     const auto grey = [](unsigned int v) { return 0xff000000u | (255 - v) * 0x010101u; };
     EXPECT_EQ(pixels(part), (std::vector<unsigned int>{grey(11), grey(12), grey(21), grey(22)}));
@@ -207,8 +206,7 @@ TEST(ColorMap, LegendRowsAndTicks)
         DImage bar(10, 101, 0);
         std::map<int, double> ticks = {{7, 42.0}};
         DColorMap::legend(bar, ticks, 100, 0, 1000, DColorTable::grey(), kRgb);
-        ASSERT_EQ(bar.width(), 10);
-        ASSERT_EQ(bar.height(), 101);
+        ASSERT_EQ(std::make_pair(bar.width(), bar.height()), std::make_pair(10, 101));
         EXPECT_EQ(bar.pixel<unsigned int>(0, 0, 0), kWhite);
         EXPECT_EQ(bar.pixel<unsigned int>(9, 50, 0), kGrey128);
         EXPECT_EQ(bar.pixel<unsigned int>(0, 100, 0), 0xff000000u);

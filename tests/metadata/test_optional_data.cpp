@@ -190,10 +190,9 @@ TEST(OptionalData, TextsAndMask)
     data.set_pixel_mask(mask);
     const auto back = data.pixel_mask();
     ASSERT_TRUE(back);
-    EXPECT_EQ(std::make_pair(back->type(), back->typeBits()), std::make_pair(datatypes::UINT, 32ul));
-    EXPECT_EQ(back->width(), 4);
-    EXPECT_EQ(back->pixel<int>(1, 1, 0), 1);
-    EXPECT_EQ(back->pixel<int>(3, 2, 0), 8);
+    EXPECT_EQ(std::make_tuple(back->type(), back->typeBits(), back->width(), back->pixel<int>(1, 1, 0),
+                              back->pixel<int>(3, 2, 0)),
+              std::make_tuple(datatypes::UINT, 32ul, 4, 1, 8));
     data.set_pixel_mask(boost::none);
     EXPECT_FALSE(data.pixel_mask());
 }
