@@ -1,3 +1,4 @@
+#include "MetadataText.h"
 #include "SharedSegment.h"
 #include "TestHelpers.h"
 
@@ -14,6 +15,7 @@ using namespace norvexa;
 using namespace norvexa::imglib;
 using image::ShmAllocator;
 using image::StdAllocator;
+using norvexa_test::everything;
 
 namespace {
 
@@ -37,30 +39,6 @@ DImageModule moduleAt(int left, int top, int number)
     module.setVrf(-0.25);
     module.set_countrate_correction_lookup_table({0, 1, 3, 7});
     return module;
-}
-
-// Every item, as text, to compare two objects whatever their allocator.
-template <class Allocator>
-std::string everything(const DBasicImageOptionalData<Allocator>& data)
-{
-    std::ostringstream out;
-    auto put = [&](const char* name, const auto& value) {
-        out << name << "=";
-        if (value)
-            out << *value;
-        else
-            out << "-";
-        out << ";";
-    };
-#define NORVEXA_PUT(NAME, VALUE, STORED, UNIT, PATH1, PATH2, PATH3) put(#NAME, data.NAME());
-    NORVEXA_METADATA_ITEMS(NORVEXA_PUT)
-#undef NORVEXA_PUT
-    put("description", data.imageDescription());
-    put("header", data.rawHeader());
-    put("rotation", data.rotation_angle());
-    put("step", data.rotation_angle_step());
-    out << "index=" << data.neXusIndex() << ";modules=" << (data.modules() ? data.modules()->size() : 0);
-    return out.str();
 }
 
 // Every path the metadata reads, and a few of their parents, so that random trees put
