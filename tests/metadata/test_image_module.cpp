@@ -205,14 +205,3 @@ TEST(ImageModule, NodeAndTableFromTheLinkedTree)
     noNode.load_countrate_correction_lookup_table();
     EXPECT_TRUE(noNode.countrate_correction_lookup_table().empty()) << "no node: no table";
 }
-
-// The shared-memory instantiation behaves alike; only its link type differs.
-TEST(ImageModule, SharedMemoryInstantiation)
-{
-    DBasicImageModule<image::ShmAllocator> module(DRect(100, 0, 1030, 257), chipRow(4, 1), 3), copy;
-    module.addDAC("vrfp", 1);
-    copy = module;
-    EXPECT_TRUE(copy == module);
-    EXPECT_EQ(copy.absoluteChipGeometry(1), DRect(161, 1, 60, 97));
-    EXPECT_THROW_MSG(copy.setChips(chipRow(17)), DOutOfRangeException, kTooManyChips);
-}
