@@ -177,7 +177,9 @@ void DMessageQueuePrivate::sendObject(const Data& data)
                 continue;
             }
             NORVEXA_ASSERT(messageData.find<ShmData>(typeid(Data).name()).first, "send");
-            condition.condition.notify_one();
+            // All waiters: another sending thread of this process may wait on the same
+            // condition, and must not take the wake-up that is meant for the receiver.
+            condition.condition.notify_all();
             return;
         }
     } catch (const bip::interprocess_exception& e) {
@@ -204,7 +206,7 @@ void DMessageQueuePrivate::receiveObject(Data& data)
         data = Crossing<Data>::back(*shmData);
         messageData.destroy<ShmData>(typeid(Data).name());
         condition.flag = 1;
-        condition.condition.notify_one();
+        condition.condition.notify_all();
     } catch (const bip::interprocess_exception& e) {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
         bip::shared_memory_object::remove(dataInName.c_str());
