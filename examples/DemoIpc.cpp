@@ -132,7 +132,9 @@ int queuePeer(const char* name)
 void demoIpc(const DImage& frame, const char* self)
 {
     std::cout << "\nInter-process\n";
-    const std::string name = "norvexa_demo_" + std::to_string(::getpid());
+    // One name per user: the lock files stay in /tmp, and whatever a crashed run left in
+    // shared memory is cleared by the next run, which is main again.
+    const std::string name = "norvexa_demo_" + std::to_string(::getuid());
     // First to open the name: this process is the main side, and makes the shared objects.
     DMessageQueue queue(name.c_str());
 

@@ -79,7 +79,10 @@ template <>
 struct Crossing<DStdDrawingList> {
     using Shared = DShmDrawingList;
     static std::size_t firstSize(const DStdDrawingList& list) { return list.memsize() + 4096; }
-    static DStdDrawingList back(const Shared& shared) { return DStdDrawingList(shared, image::StdAllocator()); }
+    static DStdDrawingList back(const Shared& shared)
+    {
+        return DStdDrawingList(shared, image::StdAllocator());
+    }
 };
 
 [[noreturn]] void throwNotOpen(const std::string& name)
@@ -168,7 +171,8 @@ void DMessageQueuePrivate::sendObject(const Data& data)
             ShmSegment messageData(bip::open_or_create, dataOutName.c_str(), size, nullptr,
                                    bip::permissions(kPermissions));
             try {
-                messageData.construct<ShmData>(typeid(Data).name())(data, ShmAllocator(messageData.get_segment_manager()));
+                const ShmAllocator allocator(messageData.get_segment_manager());
+                messageData.construct<ShmData>(typeid(Data).name())(data, allocator);
             } catch (const bip::bad_alloc&) {
                 // The receiver opens the segment anew for each message, so a bigger one
                 // under the same name is found.
@@ -293,7 +297,8 @@ void DMessageQueue::close()
         }
         d.subLock.reset();
     }
-    for (std::string* text : {&d.name, &d.queueInName, &d.queueOutName, &d.adminName, &d.dataInName, &d.dataOutName})
+    for (std::string* text :
+         {&d.name, &d.queueInName, &d.queueOutName, &d.adminName, &d.dataInName, &d.dataOutName})
         text->clear();
 }
 

@@ -188,7 +188,10 @@ DArray<DPixel> pixels(std::size_t count, int seed)
     return array;
 }
 
-std::string digest(const DImage& image) { return std::to_string(std::hash<std::string>()(fingerprint(image))); }
+std::string digest(const DImage& image)
+{
+    return std::to_string(std::hash<std::string>()(fingerprint(image)));
+}
 
 /// Answers what arrives, in the order of `kinds`: an i(mage) by its
 /// digest (half the traffic of a big frame), a l(ist) or a(rray) with one item added, so
@@ -301,7 +304,8 @@ TEST_F(MessageQueue, TextsUpToTheLimitAndAFullQueueBlocks)
     EXPECT_THROW_MSG(q.send(std::string(4097, 'x')), DMessageQueueException,
                      "Maximum message length exceeded (4096 characters)");
     auto text = [](int i) {
-        return i == 0 ? std::string(4096, 'x') : i == 1 ? std::string() : i == 2 ? std::string("a\0b", 3) : std::to_string(i);
+        return i == 0 ? std::string(4096, 'x') : i == 1 ? std::string() : i == 2 ? std::string("a\0b", 3)
+                                                                                 : std::to_string(i);
     };
     for (int i = 0; i < 100; ++i)
         q.send(text(i));
