@@ -187,7 +187,7 @@ void demoIpc(const DImage& frame, const char* self)
 
     std::cout << "  the peer answered: " << answer << "\n  round trip of everything in " << std::fixed
               << std::setprecision(1) << roundTrip
-              << " ms (each object copied into shared memory and out of it, twice)\n";
+              << " ms (there and back; each way one copy into shared memory and one out of it)\n";
     const bool same = samePixels(frame, frameBack) && sameMetadata(frame, frameBack) &&
                       sameDrawings(drawings, drawingsBack) && peaks.vector() == peaksBack.vector();
     std::cout << "  frame, metadata, drawings and peaks came back " << (same ? "unchanged" : "CHANGED")
