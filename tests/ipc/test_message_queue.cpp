@@ -3,7 +3,9 @@
 #include "DImage.h"
 #include "DMessageQueue.h"
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <sstream>
@@ -250,7 +252,7 @@ TEST_F(MessageQueue, EveryOperationNeedsAnOpenQueue)
     });
     ASSERT_TRUE(owner.notified(kSeconds * 1000));
     DMessageQueue orphan;
-    EXPECT_THROW(orphan.open(queue), DMessageQueueException);
+    EXPECT_THROW_MSG(orphan.open(queue), DMessageQueueException, std::strerror(ENOENT));
     expectNotOpen(orphan, "DMessageQueue " + name + " is not open.");
 }
 
