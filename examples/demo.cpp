@@ -8,6 +8,7 @@
 // colour bar as a PNG. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
+#include "DemoIpc.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
 #include "DFileSeriesIterator.h"
@@ -219,6 +220,10 @@ void hdf5Series(const DImage& frame)
 
 int main(int argc, char** argv)
 {
+    // The demo's own second process, started by the inter-process part below.
+    if (argc == 3 && std::strcmp(argv[1], norvexa_demo::kQueuePeerOption) == 0)
+        return norvexa_demo::queuePeer(argv[2]);
+
     std::cout << "norvexa image library " << version() << "\n\n";
 
     auto start = std::chrono::steady_clock::now();
@@ -275,5 +280,6 @@ int main(int argc, char** argv)
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
+    norvexa_demo::demoIpc(frame, argv[0]);
     return equal ? 0 : 1;
 }
