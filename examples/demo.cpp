@@ -8,6 +8,7 @@
 // colour bar as a PNG. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
+#include "DemoCorrections.h"
 #include "DemoPicture.h"
 #include "DFileSeriesIterator.h"
 #include "DGlobal.h"
@@ -298,6 +299,7 @@ int main(int argc, char** argv)
     describeWithMetadata(frame);
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
+    norvexa_demo::demoCorrections(frame);
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     return equal ? 0 : 1;
 }

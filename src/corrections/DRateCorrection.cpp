@@ -162,9 +162,9 @@ void DRateCorrection::_initCorrection()
             std::printf("Reading LUT from\n %s\nfor Vrf %e and Thr/E %e\n", params.directory, params.Vrf,
                         params.thresholdRatio);
         const int rows = interpolateLUTFromSimulation(params, rateRows, kMaxSimulationRows);
-        if (rows < 2)
+        const double cutoff = rows < 2 ? -1.0 : determineCutoff(rateRows, rows, params.slopeLimit);
+        if (!(cutoff >= 0))
             parameterException("Could not read LUT for count rate correction");
-        const double cutoff = determineCutoff(rateRows, rows, params.slopeLimit);
         const double stored = std::min(static_cast<double>(tableSize), std::floor(cutoff * params.countTime) + 3);
         if (stored > static_cast<double>(kMaxStoredTable))
             throw DBadParameterException("Count-rate table too long for the count time");

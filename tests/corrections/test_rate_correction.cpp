@@ -93,8 +93,6 @@ TEST(RateCorrection, ValidatesInOrderWithItsTexts)
              m.neXus().at("/entry/instrument/detector/detectorSpecific/detectorModule_000/vrfp").asData().setValue(-0.15f);
          },
          "Invalid Vrf value"},
-        {[](auto& m) { m.set_countrate_correction_bunch_mode(std::string("/no/such/directory")); },
-         "Could not read LUT for count rate correction"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);

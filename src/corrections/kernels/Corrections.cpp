@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 
 namespace norvexa {
@@ -67,25 +68,48 @@ struct ApplyCorrection {
                 continue;
             const long long stored = static_cast<long long>(table.size());
             const int plateau = table.back();
+            // Low counts map to themselves (the correction there is below half a count), and
+            // most pixels of a frame are low: blocks of them are passed over on one test.
+            unsigned long long identity = 0;
+            while (identity < static_cast<unsigned long long>(std::min(stored, tableSize)) &&
+                   table[identity] == static_cast<long long>(identity))
+                ++identity;
+            auto correct = [&](T& pixel, M maskValue) {
+                if (maskValue != M(0))
+                    return;
+                const T value = pixel;
+                if constexpr (std::is_signed_v<T>) {
+                    // The look-up is bounds-tested: the table raises its own error.
+                    if (value < 0)
+                        (void)table.at(static_cast<std::size_t>(static_cast<long long>(value)));
+                }
+                if (static_cast<unsigned long long>(value) >= static_cast<unsigned long long>(tableSize))
+                    return;
+                const long long v = static_cast<long long>(value);
+                pixel = static_cast<T>(v < stored ? table[v] : plateau);
+            };
+            using U = std::make_unsigned_t<T>;
+            // Conservative in U: a value at the limit only takes the full path.
+            const U limit = static_cast<U>(std::min<unsigned long long>(identity, std::numeric_limits<U>::max()));
+            constexpr int block = 16;
             for (int c = 0; c < module.numberOfChips(); ++c) {
                 const imglib::DRect chip = clip(module.absoluteChipGeometry(c), bounds);
                 for (int y = chip.top(); y < chip.bottom(); ++y) {
                     T* row = pixels + y * width;
                     const M* maskRow = m + static_cast<long long>(y) * maskWidth;
-                    for (int x = chip.left(); x < chip.right(); ++x) {
-                        if (maskRow[x] != M(0))
+                    int x = chip.left();
+                    for (; x + block <= chip.right(); x += block) {
+                        const U* values = reinterpret_cast<const U*>(row + x);
+                        unsigned high = 0;
+                        for (int k = 0; k < block; ++k) // negative values read as high
+                            high |= values[k] >= limit;
+                        if (!high)
                             continue;
-                        const T value = row[x];
-                        if constexpr (std::is_signed_v<T>) {
-                            // The look-up is bounds-tested: the table raises its own error.
-                            if (value < 0)
-                                (void)table.at(static_cast<std::size_t>(static_cast<long long>(value)));
-                        }
-                        if (static_cast<unsigned long long>(value) >= static_cast<unsigned long long>(tableSize))
-                            continue;
-                        const long long v = static_cast<long long>(value);
-                        row[x] = static_cast<T>(v < stored ? table[v] : plateau);
+                        for (int k = 0; k < block; ++k)
+                            correct(row[x + k], maskRow[x + k]);
                     }
+                    for (; x < chip.right(); ++x)
+                        correct(row[x], maskRow[x]);
                 }
             }
         }
