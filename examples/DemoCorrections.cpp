@@ -76,22 +76,22 @@ DImage demoCorrections(const DImage& input)
     md.set_detector_distance(0.2f);
     const DImage mask = maskOf(frame);
 
-    // The brightest pixel, one in each half of the frame, and the first gap or defect.
+    // The brightest pixel of each half of the frame, and the first gap or defect.
     const DImage values = input.asType<int>();
     const int* raw = reinterpret_cast<const int*>(values.cdata());
     const unsigned* masked = reinterpret_cast<const unsigned*>(mask.cdata());
-    std::size_t brightest = 0, gap = 0;
-    for (std::size_t i = 0; i < values.size(); ++i) {
+    const std::size_t n = values.size();
+    std::size_t front = 0, back = n / 2, gap = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        std::size_t& brightest = i < n / 2 ? front : back;
         if (raw[i] > raw[brightest])
             brightest = i;
         if (masked[i] != 0 && gap == 0)
             gap = i;
     }
     const int w = frame.width();
-    const std::pair<int, int> shown[] = {{static_cast<int>(brightest % w), static_cast<int>(brightest / w)},
-                                         {w / 4, frame.height() / 4},
-                                         {3 * w / 4, 3 * frame.height() / 4},
-                                         {static_cast<int>(gap % w), static_cast<int>(gap / w)}};
+    auto at = [w](std::size_t i) { return std::pair<int, int>(static_cast<int>(i % w), static_cast<int>(i / w)); };
+    const std::pair<int, int> shown[] = {at(front), at(back), at(gap)};
     auto print = [&](const char* label, const DImage& image) {
         std::cout << "  " << std::left << std::setw(22) << label << std::right;
         for (const auto& p : shown)
@@ -113,9 +113,9 @@ DImage demoCorrections(const DImage& input)
     start = std::chrono::steady_clock::now();
     efficiency.correctImage(frame, mask);
     std::cout << "  efficiency factors built and applied in " << millisecondsSince(start) << " ms\n";
-    // The factors are kept as floats packed into a buffer of doubles, so the frame's front
-    // half is multiplied by pairs of them read as one double, the back half by 1.0.
     print("efficiency corrected", frame);
+    std::cout << "  (the factors are stored as floats packed into a buffer of doubles: the frame's front\n"
+                 "   half is multiplied by two factors read as one double, about 0.01, the back half by 1.0)\n";
     return frame;
 }
 
