@@ -9,6 +9,7 @@
 
 #include "DDetector.h"
 #include "DemoIpc.h"
+#include "DemoCorrections.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
 #include "DFileSeriesIterator.h"
@@ -279,6 +280,10 @@ int main(int argc, char** argv)
     describeWithMetadata(frame);
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
+    const DImage correctedFrame = norvexa_demo::demoCorrections(frame);
+    std::cout << "  the corrected frame in colour: limits "
+              << norvexa_demo::writeDemoPicture(correctedFrame, "demo-files/corrected.png")
+              << ", demo-files/corrected.png\n";
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     norvexa_demo::demoIpc(frame, argv[0]);
     return equal ? 0 : 1;
