@@ -1,6 +1,7 @@
 // HDF5 series: reading one 4148x4362 uint32 frame of a 100-frame bitshuffle-LZ4 file
 // through DImageSeries, beside the raw chunk read plus this library's decoder (the limit);
-// and writing 200 frames of 2463x2527 uint32 that arrive as bitshuffle-LZ4 containers,
+// copying that series HDF5 to HDF5 through its stored chunks, beside a plain copy of
+// its files (the limit); and writing 200 frames of 2463x2527 uint32 that arrive as bitshuffle-LZ4 containers,
 // beside plain file writes of the same bytes (the limit) and the filtered path that
 // compresses in HDF5.
 //
@@ -103,6 +104,36 @@ void BM_RawChunkReadPlusDecode(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * 4148LL * 4362 * 4);
 }
 
+// The 100-frame series copied HDF5 to HDF5 through the stored chunks: nothing decoded,
+// nothing compressed.
+void BM_CopySeriesAsStoredChunks(benchmark::State& state)
+{
+    const DImageSeries series(readSeries().string());
+    const fs::path out = kRoot / "copy";
+    for (auto _ : state) {
+        fs::remove_all(out);
+        fs::create_directories(out);
+        DHdf5Writer writer((out / "copy.h5").string(), 100, series.neXus(), DCompression::FILTER_BS32_LZ4);
+        for (int i = series.first(); i <= series.last(); ++i)
+            writer.write(series.storedImage(static_cast<unsigned long>(i)).pixels);
+        writer.close();
+    }
+    state.counters["frames/s"] = benchmark::Counter(100.0 * state.iterations(), benchmark::Counter::kIsRate);
+}
+
+// The limit: the same master and data files copied as files.
+void BM_CopySeriesAsFiles(benchmark::State& state)
+{
+    const fs::path in = readSeries().parent_path(), out = kRoot / "filecopy";
+    for (auto _ : state) {
+        fs::remove_all(out);
+        fs::create_directories(out);
+        for (const char* name : {"series_master.h5", "series_data_000001.h5"})
+            fs::copy_file(in / name, out / name);
+    }
+    state.counters["frames/s"] = benchmark::Counter(100.0 * state.iterations(), benchmark::Counter::kIsRate);
+}
+
 const std::vector<Image>& writeFrames()
 {
     static const std::vector<Image> frames = compressedFrames(norvexa_bench::layout6M(), 4);
@@ -162,6 +193,8 @@ struct Setup {
 
 BENCHMARK(BM_ReadFrameThroughSeries)->Unit(benchmark::kMillisecond)->MinTime(3);
 BENCHMARK(BM_RawChunkReadPlusDecode)->Unit(benchmark::kMillisecond)->MinTime(3);
+BENCHMARK(BM_CopySeriesAsStoredChunks)->Unit(benchmark::kMillisecond)->MinTime(5);
+BENCHMARK(BM_CopySeriesAsFiles)->Unit(benchmark::kMillisecond)->MinTime(5);
 BENCHMARK(BM_Write200PrecompressedFrames)->Unit(benchmark::kMillisecond)->MinTime(5);
 BENCHMARK(BM_Write200FramesPlainFile)->Unit(benchmark::kMillisecond)->MinTime(5);
 BENCHMARK(BM_Write200FramesFiltered)->Unit(benchmark::kMillisecond)->Iterations(2);

@@ -9,6 +9,7 @@
 
 #include "DDetector.h"
 #include "DemoPicture.h"
+#include "DiffractionFrame.h"
 #include "DFileSeriesIterator.h"
 #include "DGlobal.h"
 #include "DHdf5Writer.h"
@@ -24,38 +25,13 @@
 #include <cstring>
 #include <iomanip>
 #include <iostream>
-#include <random>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
 
 namespace {
 
-// 5 x 12 modules of 487 x 195 pixels, with gaps of 7 and 17 pixels between them.
 constexpr int kWidth = 2463, kHeight = 2527;
-
-bool inGap(int x, int y) { return x % (487 + 7) >= 487 || y % (195 + 17) >= 195; }
-
-DImage syntheticFrame()
-{
-    DImage frame(kWidth, kHeight, 0);
-    std::mt19937 rng(7);
-    std::poisson_distribution<int> background(0.8);
-    int* p = reinterpret_cast<int*>(frame.data());
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x)
-            p[y * kWidth + x] = inGap(x, y) ? -1 : background(rng);
-    // A few bright spots.
-    std::uniform_int_distribution<int> ux(5, kWidth - 6), uy(5, kHeight - 6);
-    for (int s = 0; s < 300; ++s) {
-        const int cx = ux(rng), cy = uy(rng);
-        for (int dy = -2; dy <= 2; ++dy)
-            for (int dx = -2; dx <= 2; ++dx)
-                if (!inGap(cx + dx, cy + dy))
-                    p[(cy + dy) * kWidth + cx + dx] += 5000 / (1 + dx * dx + dy * dy);
-    }
-    return frame;
-}
 
 double millisecondsSince(std::chrono::steady_clock::time_point start)
 {
@@ -246,7 +222,7 @@ int main(int argc, char** argv)
     std::cout << "norvexa image library " << version() << "\n\n";
 
     auto start = std::chrono::steady_clock::now();
-    DImage frame = syntheticFrame();
+    DImage frame = norvexa::demo::diffractionFrame(kWidth, kHeight, 7);
     std::cout << "Built a " << frame.width() << " x " << frame.height() << " frame of "
               << datatypes::typeStr(frame.type()) << " " << frame.typeBits() << " ("
               << frame.size() * frame.dataSize() / 1e6 << " MB) in " << std::fixed

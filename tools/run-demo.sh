@@ -4,4 +4,5 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${BUILD_DIR:-$root/build}"
 "$root/tools/build.sh"
-cd "$build" && ./examples/norvexa_demo "$@"
+# The demo works in demo-files/ under the caller's current directory.
+exec "$build/examples/norvexa_demo" "$@"

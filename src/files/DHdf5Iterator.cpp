@@ -405,9 +405,20 @@ nexus::DNeXusTree DHdf5Iterator::neXus() const
     return _d->metadata.neXus();
 }
 
-DImage DHdf5Iterator::operator[](int imgNr) const
+namespace {
+
+/// Where image `imgNr` lies: its dataset, its frame in that dataset, its shape and type.
+struct Located {
+    DH5Data data;
+    unsigned long frame;
+    unsigned long width, height;
+    datatypes::Type type;
+};
+
+} // namespace
+
+static Located locate(DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr)
 {
-    DHdf5IteratorPrivate& d = *_d;
     if (d.size == 0)
         d.update();
     if (imgNr < d.first || imgNr > d.last) {
@@ -421,7 +432,7 @@ DImage DHdf5Iterator::operator[](int imgNr) const
         throw DOutOfRangeException("Image nr " + std::to_string(imgNr) + " is out of range");
     const MapStruct_t& where = entry->second;
 
-    const DH5Data data = d.file.dataset(where.path);
+    DH5Data data = d.file.dataset(where.path);
     NORVEXA_ASSERT(imgNr >= where.imageNrLow && imgNr <= where.imageNrHigh,
                    "DHdf5Iterator::operator[]");
     const std::vector<unsigned long> dim = data.dim();
@@ -440,20 +451,61 @@ DImage DHdf5Iterator::operator[](int imgNr) const
     }
     if (type == datatypes::NONE)
         throw DImageCorruptedException("Unknown datatype");
+    return {std::move(data), static_cast<unsigned long>(imgNr - where.imageNrLow), dim[2], dim[1], type};
+}
 
-    image::DBasicImage<StdAllocator> pixels(dim[2], dim[1], StdAllocator(), type,
-                                            data.dataSize() * 8);
-    data.readSlice(pixels.data(), {static_cast<unsigned long>(imgNr - where.imageNrLow), 0, 0},
-                   {1, dim[1], dim[2]});
-
+static DImageOptionalData metadataOf(const DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr,
+                                     unsigned long width, unsigned long height)
+{
     DImageOptionalData metadata(d.metadata);
-    metadata.setImageDescription(d.fileName + " # " + std::to_string(imgNr) + "/" +
-                                 std::to_string(d.size));
+    metadata.setImageDescription(d.fileName + " # " + std::to_string(imgNr) + "/" + std::to_string(d.size));
     metadata.setNeXusIndex(imgNr);
     const auto maskSize = metadata.pixelMaskSize();
-    if (!maskSize || maskSize->first != dim[2] || maskSize->second != dim[1])
-        metadata.set_pixel_mask(DImage(static_cast<int>(dim[2]), static_cast<int>(dim[1]), 0U));
-    return DImage(std::move(pixels), std::move(metadata));
+    if (!maskSize || maskSize->first != width || maskSize->second != height)
+        metadata.set_pixel_mask(DImage(static_cast<int>(width), static_cast<int>(height), 0U));
+    return metadata;
+}
+
+static image::DBasicImage<StdAllocator> decodedPixels(const Located& at)
+{
+    image::DBasicImage<StdAllocator> pixels(at.width, at.height, StdAllocator(), at.type, at.data.dataSize() * 8);
+    at.data.readSlice(pixels.data(), {at.frame, 0, 0}, {1, at.height, at.width});
+    return pixels;
+}
+
+DImage DHdf5Iterator::operator[](int imgNr) const
+{
+    const Located at = locate(*_d, imgNr);
+    return DImage(decodedPixels(at), metadataOf(*_d, imgNr, at.width, at.height));
+}
+
+DHdf5Iterator::StoredImage DHdf5Iterator::storedImage(int imgNr) const
+{
+    const Located at = locate(*_d, imgNr);
+    StoredImage result{image::DBasicImage<StdAllocator>(), metadataOf(*_d, imgNr, at.width, at.height)};
+    image::DCompression::FILTER filter = image::DCompression::FILTER_NONE;
+    try {
+        filter = at.data.filter();
+    } catch (const DRuntimeException&) {
+        // A pipeline of no form the library knows: decoded below.
+    }
+    const std::vector<unsigned long> chunk = at.data.chunkDims();
+    const bool oneFrameAChunk =
+        chunk.size() == 3 && chunk[0] == 1 && chunk[1] == at.height && chunk[2] == at.width;
+    const unsigned long size = oneFrameAChunk && filter != image::DCompression::FILTER_NONE
+                                   ? at.data.rawChunkSize({at.frame, 0, 0})
+                                   : 0;
+    if (size > 0) {
+        image::DBasicImageData<StdAllocator> bytes;
+        bytes.resize(size);
+        if (at.data.readRawChunk({at.frame, 0, 0}, bytes.data(), size) == 0) {
+            result.pixels.setRawData(std::move(bytes), {at.width, at.height}, at.type, at.data.dataSize() * 8,
+                                     filter);
+            return result;
+        }
+    }
+    result.pixels = decodedPixels(at);
+    return result;
 }
 
 } // namespace imglib

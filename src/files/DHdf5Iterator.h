@@ -55,6 +55,19 @@ public:
     /// (the file's when it fits, else all zero, UINT 32). An out-of-range number updates
     /// once, then raises DOutOfRangeException "Image number <n> out of range".
     DImage operator[](int imgNr) const override;
+    /// Image `imgNr` as it is stored, not decoded: its chunk in the FILTER_* form of the
+    /// dataset's filter, read by a direct chunk read, with the metadata operator[] gives.
+    /// It decodes when it enters a DImage (DImage(std::move(s.pixels),
+    /// std::move(s.metadata))), and DHdf5Writer stores it as it stands where the writer's
+    /// filter matches, so that a series copies without decoding. A dataset that is not
+    /// chunked one frame a chunk, a filter the library does not know, or a chunk that
+    /// skipped a filter give the decoded pixels (FILTER_NONE) instead. Failures as
+    /// operator[].
+    struct StoredImage {
+        image::DBasicImage<image::StdAllocator> pixels;
+        DImageOptionalData metadata;
+    };
+    StoredImage storedImage(int imgNr) const;
     bool empty() const override;
     void update() override;
 

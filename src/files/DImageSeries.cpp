@@ -122,6 +122,14 @@ DImage DImageSeries::at(unsigned long index) const
     return (*this)[index];
 }
 
+DHdf5Iterator::StoredImage DImageSeries::storedImage(unsigned long index) const
+{
+    if (const auto* hdf5 = dynamic_cast<const DHdf5Iterator*>(_iterator.get()))
+        return hdf5->storedImage(static_cast<int>(index));
+    DImage image = (*this)[index];
+    return {image.imageData(), image.optionalData()};
+}
+
 nexus::DNeXusTree DImageSeries::neXus() const
 {
     if (const auto* hdf5 = dynamic_cast<const DHdf5Iterator*>(_iterator.get()))

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DAbstractImageIterator.h"
+#include "DHdf5Iterator.h"
 #include "foundation/nexus/DBasicNeXusTree.h"
 
 #include <memory>
@@ -42,6 +43,9 @@ public:
     void update();
     DImage operator[](unsigned long index) const;
     DImage at(unsigned long index) const;
+    /// For an HDF5 series, the image as stored, not decoded (DHdf5Iterator::storedImage);
+    /// for any other series, operator[]'s pixels and metadata.
+    DHdf5Iterator::StoredImage storedImage(unsigned long index) const;
 
     /// The header tree of an HDF5 series; DRuntimeException "Invalid operation" otherwise.
     nexus::DNeXusTree neXus() const;

@@ -140,18 +140,51 @@ void DH5Data::readSlice(void* out, const std::vector<unsigned long>& start,
 
 std::vector<char> DH5Data::readRawChunk(const std::vector<unsigned long>& offset) const
 {
+    const unsigned long size = rawChunkSize(offset);
+    if (size == 0)
+        throw DRuntimeException("No chunk is stored at this offset of HDF5 dataset " +
+                                DH5Access::object(*this).path);
+    std::vector<char> chunk(size);
+    readRawChunk(offset, chunk.data(), size);
+    return chunk;
+}
+
+std::vector<unsigned long> DH5Data::chunkDims() const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const Id dcpl(check(H5Dget_create_plist(d.id.get()), "Cannot read the creation list of", d.path));
+    if (H5Pget_layout(dcpl.get()) != H5D_CHUNKED)
+        return {};
+    const int rank = checkStatus(H5Pget_chunk(dcpl.get(), 0, nullptr), "Cannot read the chunks of", d.path);
+    std::vector<hsize_t> chunk(static_cast<std::size_t>(rank));
+    checkStatus(H5Pget_chunk(dcpl.get(), rank, chunk.data()), "Cannot read the chunks of", d.path);
+    return std::vector<unsigned long>(chunk.begin(), chunk.end());
+}
+
+unsigned long DH5Data::rawChunkSize(const std::vector<unsigned long>& offset) const
+{
     const detail::DH5Object& d = DH5Access::object(*this);
     const std::vector<hsize_t> at =
         coordinates(offset, currentDims(d.id.get(), d.path).size(), "Chunk offset", d.path);
     hsize_t size = 0;
     checkStatus(H5Dget_chunk_storage_size(d.id.get(), at.data(), &size), "Cannot find the chunk of", d.path);
-    if (size == 0)
-        throw DRuntimeException("No chunk is stored at this offset of HDF5 dataset " + d.path);
-    std::vector<char> chunk(size);
+    return static_cast<unsigned long>(size);
+}
+
+std::uint32_t DH5Data::readRawChunk(const std::vector<unsigned long>& offset, void* out, unsigned long size) const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const std::vector<hsize_t> at =
+        coordinates(offset, currentDims(d.id.get(), d.path).size(), "Chunk offset", d.path);
+    hsize_t stored = 0;
+    checkStatus(H5Dget_chunk_storage_size(d.id.get(), at.data(), &stored), "Cannot find the chunk of", d.path);
+    // HDF5 writes the whole chunk, whatever the buffer: refuse a buffer that is too short.
+    if (stored == 0 || stored > size)
+        throw DRuntimeException("The chunk at this offset of HDF5 dataset " + d.path + " does not fit " +
+                                std::to_string(size) + " bytes");
     uint32_t mask = 0;
-    checkStatus(H5Dread_chunk(d.id.get(), H5P_DEFAULT, at.data(), &mask, chunk.data()),
-                "Cannot read a chunk of", d.path);
-    return chunk;
+    checkStatus(H5Dread_chunk(d.id.get(), H5P_DEFAULT, at.data(), &mask, out), "Cannot read a chunk of", d.path);
+    return mask;
 }
 
 void DH5Data::write(const void* data)

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <cstdint>
 #include <vector>
 
 namespace norvexa {
@@ -57,6 +58,14 @@ public:
     /// Reads the stored bytes of the chunk at `offset`, as they lie in the file (the
     /// filters not undone).
     std::vector<char> readRawChunk(const std::vector<unsigned long>& offset) const;
+    /// The chunk's dimensions; empty for a dataset that is not chunked.
+    std::vector<unsigned long> chunkDims() const;
+    /// Bytes stored for the chunk at `offset`; 0 where no chunk is stored.
+    unsigned long rawChunkSize(const std::vector<unsigned long>& offset) const;
+    /// Reads the stored bytes of the chunk at `offset` into `out`, which holds `size` =
+    /// rawChunkSize(offset) bytes, and returns the chunk's filter mask: 0 when every filter
+    /// of the pipeline ran on it, a bit set for each filter skipped.
+    std::uint32_t readRawChunk(const std::vector<unsigned long>& offset, void* out, unsigned long size) const;
 
     /// Writes the whole dataset.
     void write(const void* data);
