@@ -59,8 +59,7 @@ public:
 private:
     void run()
     {
-        const int timeout = 100;
-        zmq_setsockopt(_socket, ZMQ_SNDTIMEO, &timeout, sizeof(timeout));
+        // Blocking sends: the window keeps the queues short, so a send never waits long.
         long sent = 0;
         while (!_stop) {
             if (sent - _taken.load(std::memory_order_acquire) >= kWindow) {
