@@ -5,11 +5,13 @@
 #include "DiffractionFrame.h"
 #include "foundation/image/DCompression.h"
 
+#include <json/json.h>
 #include <zmq.h>
 
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 
 namespace norvexa {
 namespace simulator {
@@ -92,7 +94,7 @@ std::string imageHeader(const std::string& htype, int width, int height, const s
 }
 
 /// Plausible values for every key of a header's configuration part.
-Json::Value defaultConfig(const SimulatedStream::Acquisition& a)
+Json::Value defaultConfig(const SeriesInfo& a)
 {
     Json::Value c;
     c["auto_summation"] = true;
@@ -120,7 +122,7 @@ Json::Value defaultConfig(const SimulatedStream::Acquisition& a)
     c["frame_period"] = 0.0025;
     c["frame_time"] = a.frameTime > 0 ? a.frameTime : 0.01;
     c["nframes_sum"] = 1;
-    c["nimages"] = a.nimages;
+    c["nimages"] = a.nImages;
     c["ntrigger"] = 1;
     c["number_of_excluded_pixels"] = 0;
     c["photon_energy"] = 8041.0;
@@ -144,118 +146,86 @@ Json::Value defaultConfig(const SimulatedStream::Acquisition& a)
 
 struct SimulatedStream::Series {
     unsigned long long id = 0;
-    Parts header;
     struct Frame {
         std::string encoding, type, data;
         int width = 0, height = 0;
     };
-    std::vector<Frame> frames; // cycled when fewer than nimages
-    int nimages = 0;
-    double frameTime = 0;
+    std::vector<Frame> frames; // cycled
     int dropEvery = 0;
     bool stopBeforeEnd = false;
-    std::string malformed;
+    int dropped = 0;
 };
 
-SimulatedStream::SimulatedStream(int port, std::string master)
-    : _context(zmq_ctx_new()), _socket(zmq_socket(_context, ZMQ_PUSH)), _master(std::move(master))
+SimulatedStream::SimulatedStream(ParameterStore& store, int port, std::string master)
+    : _store(store), _context(zmq_ctx_new()), _socket(zmq_socket(_context, ZMQ_PUSH)),
+      _master(std::move(master))
 {
     const int linger = 0, timeout = 1000;
     zmq_setsockopt(_socket, ZMQ_LINGER, &linger, sizeof(linger));
     zmq_setsockopt(_socket, ZMQ_SNDTIMEO, &timeout, sizeof(timeout));
     const std::string address = "tcp://127.0.0.1:" + std::to_string(port);
     if (zmq_bind(_socket, address.c_str()) != 0) {
+        const std::string error = zmq_strerror(zmq_errno());
         zmq_close(_socket);
         zmq_ctx_destroy(_context);
-        throw std::runtime_error("Cannot bind the data port " + address + ": " +
-                                 zmq_strerror(zmq_errno()));
+        throw std::runtime_error("Cannot bind the data port " + address + ": " + error);
     }
-    _settings["mode"] = "disabled";
-    _settings["header_detail"] = "basic";
-    _settings["encoding"] = "bs32-lz4<";
-    _settings["drop_every"] = 0;
-    _settings["stop_before_end"] = false;
-    _settings["malformed"] = "";
+    const std::string s = "stream";
+    store.define(s, "config", "mode", choice("disabled", {"enabled", "disabled"}));
+    store.define(s, "config", "header_detail", choice("basic", {"none", "basic", "all"}));
+    store.define(s, "config", "encoding", choice("bs32-lz4<", {"<", "lz4<", "bs16-lz4<", "bs32-lz4<"}));
+    store.define(s, "config", "pixel_type", choice("uint32", {"uint16", "uint32", "float32"}));
+    store.define(s, "config", "drop_every", ranged(0, "int", 0, 1000000));
+    store.define(s, "config", "stop_before_end", flag(false));
+    store.define(s, "config", "malformed",
+                 choice("", {"", "json", "htype", "shape", "type", "size", "parts"}));
+    store.define(s, "status", "dropped", readOnly(0, "int"));
 }
 
 SimulatedStream::~SimulatedStream()
 {
-    wait();
     zmq_close(_socket);
     zmq_ctx_destroy(_context);
 }
 
-Json::Value SimulatedStream::setting(const std::string& name) const
+bool SimulatedStream::send(const std::vector<std::string>& parts)
 {
-    std::lock_guard<std::mutex> lock(_mutex);
-    return _settings.isMember(name) ? _settings[name] : Json::Value();
-}
-
-bool SimulatedStream::setSetting(const std::string& name, const Json::Value& value)
-{
-    static const Json::Value allowed = [] {
-        Json::Value a;
-        for (const char* v : {"enabled", "disabled"})
-            a["mode"].append(v);
-        for (const char* v : {"none", "basic", "all"})
-            a["header_detail"].append(v);
-        for (const char* v : {"<", "lz4<", "bs16-lz4<", "bs32-lz4<"})
-            a["encoding"].append(v);
-        for (const char* v : {"", "json", "htype", "shape", "type", "size", "parts"})
-            a["malformed"].append(v);
-        return a;
-    }();
-    std::lock_guard<std::mutex> lock(_mutex);
-    if (!_settings.isMember(name))
-        return false;
-    if (name == "drop_every" ? !value.isInt() || value.asInt() < 0
-        : name == "stop_before_end" ? !value.isBool()
-                                    : !value.isString())
-        return false;
-    if (allowed.isMember(name)) {
-        bool found = false;
-        for (const Json::Value& v : allowed[name])
-            found = found || v == value;
-        if (!found)
+    // The first part waits at most the send time-out; once it is out, the rest follows.
+    for (std::size_t i = 0; i < parts.size(); ++i)
+        if (zmq_send(_socket, parts[i].data(), parts[i].size(), i + 1 < parts.size() ? ZMQ_SNDMORE : 0) < 0)
             return false;
-    }
-    _settings[name] = value;
     return true;
 }
 
-Json::Value SimulatedStream::status(const std::string& name) const
+void SimulatedStream::countDropped()
 {
-    return name == "dropped" ? Json::Value(_dropped.load()) : Json::Value();
+    _store.setValue("stream", "status", "dropped", ++_series->dropped);
 }
 
-void SimulatedStream::arm(const Acquisition& acquisition)
+void SimulatedStream::seriesStarted(const SeriesInfo& info)
 {
-    wait();
-    auto series = std::make_shared<Series>();
-    Json::Value settings;
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        settings = _settings;
-    }
-    series->id = ++_seriesId;
-    series->nimages = acquisition.nimages;
-    series->frameTime = acquisition.frameTime;
+    _series.reset();
+    _store.setValue("stream", "status", "dropped", 0);
+    const Json::Value settings = _store.snapshot("stream", "config");
+    if (settings["mode"] != "enabled")
+        return;
+    auto series = std::make_unique<Series>();
+    series->id = static_cast<unsigned long long>(info.series);
     series->dropEvery = settings["drop_every"].asInt();
     series->stopBeforeEnd = settings["stop_before_end"].asBool();
-    series->malformed = settings["malformed"].asString();
     const std::string encoding = settings["encoding"].asString();
+    const std::string type = settings["pixel_type"].asString();
 
-    // The frames: a file's stored chunks as they stand, or synthetic frames encoded now.
+    // The frames: a file's stored chunks as they stand, or diffraction frames encoded now.
     DImage first;
     if (!_master.empty()) {
         imglib::DImageSeries file(_master);
         for (int i = file.first(); i <= file.last(); ++i) {
-            auto stored = file.storedImage(i).pixels;
+            auto stored = file.storedImage(static_cast<unsigned long>(i)).pixels;
             const bool wireType = stored.type() == datatypes::UINT
                                       ? stored.typeBits() == 16 || stored.typeBits() == 32
                                       : stored.type() == datatypes::FLOAT && stored.typeBits() == 32;
-            // A chunk the wire can't carry as it is (several LZ4 blocks, another pixel type)
-            // is decoded and sent plain.
+            // An LZ4 chunk goes on the wire as its one block; one of several blocks can't.
             const bool oneLz4Block =
                 stored.filter() != DCompression::FILTER_LZ4 ||
                 (stored.usedBytes() >= 16 &&
@@ -267,6 +237,8 @@ void SimulatedStream::arm(const Acquisition& acquisition)
             Series::Frame frame;
             frame.width = static_cast<int>(stored.shape()[0]);
             frame.height = static_cast<int>(stored.shape()[1]);
+            if (first.empty())
+                first = DImage(stored);
             if (!wireType || !oneLz4Block) {
                 const DImage plain = asWireType(DImage(std::move(stored)), "uint32");
                 frame.type = "uint32";
@@ -280,39 +252,35 @@ void SimulatedStream::arm(const Acquisition& acquisition)
                 const std::size_t skip = stored.filter() == DCompression::FILTER_LZ4 ? 16 : 0;
                 frame.data.assign(stored.cdata() + skip, stored.usedBytes() - skip);
             }
-            if (series->frames.empty())
-                first = DImage(file.storedImage(i).pixels);
             series->frames.push_back(std::move(frame));
         }
-        series->nimages = static_cast<int>(series->frames.size());
     } else {
-        const int distinct = std::max(1, std::min(acquisition.nimages, 4));
+        const int distinct = std::max(1, std::min(info.nImages, 4));
         for (int k = 0; k < distinct; ++k) {
             const DImage frame = asWireType(
-                demo::diffractionFrame(acquisition.width, acquisition.height, acquisition.seed + k),
-                acquisition.type);
+                demo::diffractionFrame(info.width, info.height, 7u + static_cast<unsigned>(k)), type);
             if (k == 0)
                 first = frame;
             const std::string plain = bytesOf(frame);
-            series->frames.push_back({encoding, acquisition.type,
-                                      encode(encoding, plain.data(), plain.size()),
-                                      acquisition.width, acquisition.height});
+            series->frames.push_back(
+                {encoding, type, encode(encoding, plain.data(), plain.size()), info.width, info.height});
         }
     }
 
     // The header message at the configured detail.
+    const std::string detail = settings["header_detail"].asString();
     Json::Value head;
     head["htype"] = "dheader-1.0";
     head["series"] = Json::UInt64(series->id);
-    head["header_detail"] = settings["header_detail"];
-    series->header.push_back(json(head));
-    if (settings["header_detail"] != "none") {
-        Json::Value config = defaultConfig(acquisition);
-        for (const std::string& key : acquisition.config.getMemberNames())
-            config[key] = acquisition.config[key];
-        series->header.push_back(json(config));
+    head["header_detail"] = detail;
+    Parts header{json(head)};
+    if (detail != "none") {
+        Json::Value config = defaultConfig(info);
+        for (const std::string& key : info.config.getMemberNames())
+            config[key] = info.config[key];
+        header.push_back(json(config));
     }
-    if (settings["header_detail"] == "all" && !first.empty()) {
+    if (detail == "all" && !first.empty()) {
         const int w = first.width(), h = first.height();
         DImage flat = asWireType(first, "float32");
         DImage mask = asWireType(first, "uint32");
@@ -331,98 +299,57 @@ void SimulatedStream::arm(const Acquisition& acquisition)
             table[2 * i + 1] = static_cast<std::uint32_t>(i * 1000 * (1 + i * 1e-4));
         }
         const std::string tableBytes(reinterpret_cast<const char*>(table.data()), table.size() * 4);
-        series->header.push_back(imageHeader("dflatfield-1.0", w, h, "float32", "<", flatBytes.size()));
-        series->header.push_back(flatBytes);
-        series->header.push_back(
-            imageHeader("dpixelmask-1.0", w, h, "uint32", "bs32-lz4<", maskChunk.size()));
-        series->header.push_back(maskChunk);
-        series->header.push_back(
-            imageHeader("dcountrate_table-1.0", 2, 1000, "uint32", "<", tableBytes.size()));
-        series->header.push_back(tableBytes);
+        header.push_back(imageHeader("dflatfield-1.0", w, h, "float32", "<", flatBytes.size()));
+        header.push_back(flatBytes);
+        header.push_back(imageHeader("dpixelmask-1.0", w, h, "uint32", "bs32-lz4<", maskChunk.size()));
+        header.push_back(maskChunk);
+        header.push_back(imageHeader("dcountrate_table-1.0", 2, 1000, "uint32", "<", tableBytes.size()));
+        header.push_back(tableBytes);
     }
-    std::lock_guard<std::mutex> lock(_mutex);
-    _armed = series;
-}
+    send(header);
 
-void SimulatedStream::trigger()
-{
-    std::shared_ptr<Series> series;
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        if (_settings["mode"] != "enabled" || !_armed)
-            return;
-        series = std::move(_armed);
-    }
-    wait();
-    _dropped = 0;
-    _sender = std::thread([this, series] { send(series); });
-}
-
-void SimulatedStream::wait()
-{
-    if (_sender.joinable())
-        _sender.join();
-}
-
-void SimulatedStream::disarm()
-{
-    std::lock_guard<std::mutex> lock(_mutex);
-    _armed.reset();
-}
-
-void SimulatedStream::send(std::shared_ptr<Series> series)
-{
-    // The first part waits at most the send time-out; once it is out, the rest follows.
-    const auto sendParts = [this](const Parts& parts) {
-        for (std::size_t i = 0; i < parts.size(); ++i)
-            if (zmq_send(_socket, parts[i].data(), parts[i].size(),
-                         i + 1 < parts.size() ? ZMQ_SNDMORE : 0) < 0)
-                return false;
-        return true;
-    };
-    sendParts(series->header);
-
-    const std::string image = R"({"htype":"dimage-1.0","series":)" + std::to_string(series->id);
-    if (!series->malformed.empty()) {
-        const Series::Frame& f = series->frames.front();
-        const std::string first = image + R"(,"frame":0})";
-        const std::string& m = series->malformed;
+    const std::string malformed = settings["malformed"].asString();
+    if (!malformed.empty()) {
+        const Series::Frame& fr = series->frames.front();
+        const std::string image = R"({"htype":"dimage-1.0","series":)" + std::to_string(series->id) +
+                                  R"(,"frame":0})";
         Parts bad;
-        if (m == "json")
+        if (malformed == "json")
             bad = {"{not json"};
-        else if (m == "htype")
+        else if (malformed == "htype")
             bad = {R"({"htype":"dunknown-1.0"})"};
-        else if (m == "shape")
-            bad = {first, R"({"htype":"dimage_d-1.0","shape":[1,2,3],"type":"uint32"})"};
-        else if (m == "type")
-            bad = {first, R"({"htype":"dimage_d-1.0","shape":[1,2],"type":"int8"})"};
-        else if (m == "size")
-            bad = {first, R"({"htype":"dimage_d-1.0","shape":[1,2],"type":"uint32","encoding":"lz4<"})"};
-        else
-            bad = {first, imageHeader("dimage_d-1.0", f.width, f.height, f.type, f.encoding, f.data.size())};
-        sendParts(bad);
+        else if (malformed == "shape")
+            bad = {image, R"({"htype":"dimage_d-1.0","shape":[1,2,3],"type":"uint32"})"};
+        else if (malformed == "type")
+            bad = {image, R"({"htype":"dimage_d-1.0","shape":[1,2],"type":"int8"})"};
+        else if (malformed == "size")
+            bad = {image, R"({"htype":"dimage_d-1.0","shape":[1,2],"type":"uint32","encoding":"lz4<"})"};
+        else // "parts": the data part is missing
+            bad = {image, imageHeader("dimage_d-1.0", fr.width, fr.height, fr.type, fr.encoding, fr.data.size())};
+        send(bad);
     }
+    _series = std::move(series);
+}
 
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 1; i <= series->nimages; ++i) {
-        if (series->frameTime > 0)
-            std::this_thread::sleep_until(start + std::chrono::duration<double>(series->frameTime * (i - 1)));
-        if (series->dropEvery > 0 && i % series->dropEvery == 0) {
-            ++_dropped;
-            continue;
-        }
-        const Series::Frame& f = series->frames[(i - 1) % series->frames.size()];
-        const std::string now = std::to_string(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        if (!sendParts({image + R"(,"frame":)" + std::to_string(i) + "}",
-                        imageHeader("dimage_d-1.0", f.width, f.height, f.type, f.encoding, f.data.size()),
-                        f.data,
-                        R"({"htype":"dconfig-1.0","start_time":)" + now + R"(,"stop_time":)" + now +
-                            R"(,"real_time":)" + std::to_string(series->frameTime) + "}"}))
-            ++_dropped;
-    }
-    if (!series->stopBeforeEnd)
-        sendParts({R"({"htype":"dseries_end-1.0","series":)" + std::to_string(series->id) + "}"});
+void SimulatedStream::frameProduced(const SeriesInfo&, int imageNumber, const DImage&)
+{
+    if (!_series)
+        return;
+    if (_series->dropEvery > 0 && imageNumber % _series->dropEvery == 0)
+        return countDropped();
+    const Series::Frame& f = _series->frames[static_cast<std::size_t>(imageNumber - 1) % _series->frames.size()];
+    const std::string series = std::to_string(_series->id);
+    if (!send({R"({"htype":"dimage-1.0","series":)" + series + R"(,"frame":)" + std::to_string(imageNumber) + "}",
+               imageHeader("dimage_d-1.0", f.width, f.height, f.type, f.encoding, f.data.size()), f.data,
+               R"({"htype":"dconfig-1.0","series":)" + series + "}"}))
+        countDropped();
+}
+
+void SimulatedStream::seriesEnded(const SeriesInfo&, int, bool)
+{
+    if (_series && !_series->stopBeforeEnd)
+        send({R"({"htype":"dseries_end-1.0","series":)" + std::to_string(_series->id) + "}"});
+    _series.reset();
 }
 
 } // namespace simulator
