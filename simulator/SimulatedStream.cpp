@@ -9,6 +9,7 @@
 #include <zmq.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -163,13 +164,18 @@ SimulatedStream::SimulatedStream(ParameterStore& store, int port, std::string ma
     const int linger = 0, timeout = 1000;
     zmq_setsockopt(_socket, ZMQ_LINGER, &linger, sizeof(linger));
     zmq_setsockopt(_socket, ZMQ_SNDTIMEO, &timeout, sizeof(timeout));
-    const std::string address = "tcp://127.0.0.1:" + std::to_string(port);
+    const std::string address = "tcp://127.0.0.1:" + (port ? std::to_string(port) : "*");
     if (zmq_bind(_socket, address.c_str()) != 0) {
         const std::string error = zmq_strerror(zmq_errno());
         zmq_close(_socket);
         zmq_ctx_destroy(_context);
         throw std::runtime_error("Cannot bind the data port " + address + ": " + error);
     }
+    char endpoint[256] = {};
+    std::size_t length = sizeof(endpoint) - 1;
+    zmq_getsockopt(_socket, ZMQ_LAST_ENDPOINT, endpoint, &length);
+    const char* colon = std::strrchr(endpoint, ':');
+    _port = colon ? std::atoi(colon + 1) : port;
     const std::string s = "stream";
     store.define(s, "config", "mode", choice("disabled", {"enabled", "disabled"}));
     store.define(s, "config", "header_detail", choice("basic", {"none", "basic", "all"}));

@@ -34,12 +34,15 @@ namespace simulator {
 /// at "arm", and plausible values for the rest. Frame numbers run from 1.
 class SimulatedStream : public SeriesObserver {
 public:
-    /// Defines the "stream" tables in `store` and binds "tcp://127.0.0.1:<port>";
-    /// std::runtime_error when that fails.
+    /// Defines the "stream" tables in `store` and binds "tcp://127.0.0.1:<port>" (port 0:
+    /// a free one); std::runtime_error when that fails.
     SimulatedStream(ParameterStore& store, int port, std::string master = "");
     ~SimulatedStream() override;
     SimulatedStream(const SimulatedStream&) = delete;
     SimulatedStream& operator=(const SimulatedStream&) = delete;
+
+    /// The data port bound.
+    int port() const { return _port; }
 
     void seriesStarted(const SeriesInfo& info) override;
     void frameProduced(const SeriesInfo& info, int imageNumber, const imglib::DImage&) override;
@@ -53,6 +56,7 @@ private:
     ParameterStore& _store;
     void* _context;
     void* _socket;
+    int _port = 0;
     std::string _master;
     std::unique_ptr<Series> _series;
 };
