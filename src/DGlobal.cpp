@@ -2,6 +2,7 @@
 
 #include "DCbfReader.h"
 #include "DEdfReader.h"
+#include "DHttpException.h"
 #include "DTifReader.h"
 
 #include "foundation/DException.h"
@@ -38,8 +39,7 @@ bool raiseAs(const std::exception& e)
 
 void forwardException(const std::exception& e)
 {
-    // The order matters: the first class that matches is raised. DHttpException joins
-    // this chain, before DException, together with the HTTP client.
+    // The order matters: the first class that matches is raised.
     raiseAs<DRuntimeException>(e);
     raiseAs<DNoFileAccessException>(e);
     raiseAs<DImageCorruptedException>(e);
@@ -47,6 +47,9 @@ void forwardException(const std::exception& e)
     raiseAs<DOutOfRangeException>(e);
     raiseAs<DBadParameterException>(e);
     raiseAs<DTimeoutException>(e);
+    raiseAs<DHttpException>(e); // with its status
+    // DTerminateException is not in the chain: it comes out as DException, like every
+    // other class of the tree without a place here.
     if (const DException* base = dynamic_cast<const DException*>(&e))
         throw DException(base->what()); // narrowed on purpose: the text survives, the class doesn't
     throw std::exception();

@@ -19,9 +19,10 @@ int versionPatch();
 int round(double x);
 
 /// Raises a fresh copy of the most specific known class of `e` (the library's exception
-/// classes, in a fixed order), so that an exception kept as a std::exception reference can
-/// be raised again with its type. Other classes of the tree come out as DException with
-/// their text; anything else as a plain std::exception, without its text.
+/// classes, in a fixed order; DHttpException keeps its status), so that an exception kept
+/// as a std::exception reference can be raised again with its type. Other classes of the
+/// tree (DNotImplementedException, DTerminateException) come out as DException with their
+/// text; anything else as a plain std::exception, without its text.
 [[noreturn]] void forwardException(const std::exception& e);
 
 /// Reads one file into `image` with its metadata, the reader chosen by the name's ending

@@ -1,6 +1,6 @@
 #include "DStreamClient.h"
 
-#include "DStreamTerminate.h"
+#include "DTerminateException.h"
 #include "DZmqContext.h"
 #include "DZmqSocket.h"
 

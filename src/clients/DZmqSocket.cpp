@@ -1,7 +1,7 @@
 #include "DZmqSocket.h"
 
 #include "DStreamTables.h"
-#include "DStreamTerminate.h"
+#include "DTerminateException.h"
 #include "DZmqContext.h"
 #include "DZmqPartSource.h"
 #include "foundation/DAssert.h"

@@ -475,8 +475,10 @@ static image::DBasicImage<StdAllocator> decodedPixels(const Located& at)
 
 DImage DHdf5Iterator::operator[](int imgNr) const
 {
-    const Located at = locate(*_d, imgNr);
-    return DImage(decodedPixels(at), metadataOf(*_d, imgNr, at.width, at.height));
+    // The stored chunk decoded straight into the image's buffer: HDF5's own pipeline would
+    // decode into a buffer of its own and copy the frame once more.
+    StoredImage stored = storedImage(imgNr);
+    return DImage(std::move(stored.pixels), std::move(stored.metadata));
 }
 
 DHdf5Iterator::StoredImage DHdf5Iterator::storedImage(int imgNr) const

@@ -53,7 +53,10 @@ public:
     /// The image of that number, with the header's metadata, the description
     /// "<file> # <number>/<size>", neXusIndex the number, and a mask of the image's size
     /// (the file's when it fits, else all zero, UINT 32). An out-of-range number updates
-    /// once, then raises DOutOfRangeException "Image number <n> out of range".
+    /// once, then raises DOutOfRangeException "Image number <n> out of range". A frame
+    /// stored as one chunk in the LZ4 or bitshuffle/LZ4 form is decoded by the library
+    /// itself, whatever filter plugins are installed; a chunk that does not decode raises
+    /// DImageCorruptedException.
     DImage operator[](int imgNr) const override;
     /// Image `imgNr` as it is stored, not decoded: its chunk in the FILTER_* form of the
     /// dataset's filter, read by a direct chunk read, with the metadata operator[] gives.

@@ -2,7 +2,7 @@
 #include "TestHelpers.h"
 
 #include "DStreamClient.h"
-#include "DStreamTerminate.h"
+#include "DTerminateException.h"
 #include "DZmqContext.h"
 #include "DZmqSocket.h"
 #include "foundation/DException.h"

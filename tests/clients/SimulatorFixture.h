@@ -1,0 +1,48 @@
+#pragma once
+
+#include "SimulatorServer.h"
+#include "TestHelpers.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+/// A simulated detector server on a free port of 127.0.0.1 for each test, with small frames
+/// and a fast frame time so that a series takes milliseconds.
+class SimulatorTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        norvexa::simulator::SimulatorOptions options;
+        options.width = 64;
+        options.height = 48;
+        options.dataDirectory = files.path() / "area";
+        server = std::make_unique<norvexa::simulator::SimulatorServer>(options);
+        port = server->start();
+        auto& store = server->parameters();
+        store.setValue("detector", "config", "frame_time", 0.001);
+        store.setValue("detector", "config", "count_time", 0.001);
+    }
+
+    void TearDown() override { server->stop(); }
+
+    /// The last recorded request whose target begins with `prefix`.
+    norvexa::simulator::RecordedRequest lastRequest(const std::string& prefix = "") const
+    {
+        const auto all = server->requests();
+        for (auto it = all.rbegin(); it != all.rend(); ++it)
+            if (it->target.compare(0, prefix.size(), prefix) == 0)
+                return *it;
+        ADD_FAILURE() << "no request under " << prefix;
+        return {};
+    }
+
+    void fault(norvexa::simulator::Fault f) { server->addFault(std::move(f)); }
+
+    norvexa_test::TempDir files;
+    std::unique_ptr<norvexa::simulator::SimulatorServer> server;
+    int port = 0;
+    const std::atomic<bool> noAbort{false};
+};
