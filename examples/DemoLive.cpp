@@ -143,7 +143,8 @@ void followSeries(const std::string& host, int restPort, const std::string& dir)
         std::cout << "  no image came\n";
         return;
     }
-    const std::string master = writer->fileName();
+    // Ten images a data file: the master is "live_master.h5" beside "live_data_00000N.h5".
+    const std::string master = dir + "/live_master.h5";
     writer->close();
     const double receiveSeconds = secondsBetween(firstImage, end);
     std::cout << "  " << received.size() << " images of " << received.front().shape()[0] << " x "

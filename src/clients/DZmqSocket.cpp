@@ -83,24 +83,18 @@ public:
                 throw DRuntimeException("Receiving message returned error code: " +
                                         std::to_string(error));
         }
-        _received = result < 0 ? 0 : static_cast<std::size_t>(result);
         _more = source.more();
     }
 
-    const char* bytes() const
-    {
-        return _message ? static_cast<const char*>(zmq_msg_data(_message.get())) : _buffer;
-    }
-    std::size_t size() const { return _message ? zmq_msg_size(_message.get()) : _received; }
-    /// The length of the part as sent (a caller's buffer may have held less of it).
-    std::size_t received() const { return _received; }
+    /// The bytes of a part received into an owned message.
+    const char* bytes() const { return static_cast<const char*>(zmq_msg_data(_message.get())); }
+    std::size_t size() const { return zmq_msg_size(_message.get()); }
     int more() const { return _more; }
 
 private:
     std::unique_ptr<zmq_msg_t> _message;
     char* _buffer = nullptr;
     std::size_t _size = 0;
-    std::size_t _received = 0;
     int _more = 0;
 };
 
@@ -132,6 +126,26 @@ const Json::Value& member(const Json::Value& value, const char* key)
 bool isUnsigned(const Json::Value& value)
 {
     return value.isConvertibleTo(Json::uintValue) || value.isUInt64();
+}
+
+/// The low 32 bits of a number; a value that is no number counts as 0, and a real as its
+/// integer part (jsoncpp's own conversions throw outside their ranges).
+std::uint32_t low32(const Json::Value& value)
+{
+    switch (value.type()) {
+    case Json::intValue:
+        return static_cast<std::uint32_t>(value.asInt64());
+    case Json::uintValue:
+        return static_cast<std::uint32_t>(value.asUInt64());
+    case Json::realValue: {
+        const double real = value.asDouble();
+        return real > -9.2e18 && real < 9.2e18 ? static_cast<std::uint32_t>(static_cast<long long>(real)) : 0;
+    }
+    case Json::booleanValue:
+        return value.asBool() ? 1 : 0;
+    default:
+        return 0;
+    }
 }
 
 bool startsWith(const std::string& text, std::string_view prefix)
@@ -329,9 +343,7 @@ void initImg(const Message& part, ImageSlot& slot, Json::Value& header)
     const Json::Value& size = member(header, "size");
     if (size.isNull())
         parseError(217);
-    // A "size" that is no number counts as 0, as a lenient reader of the header would take it.
-    const std::uint32_t chunkBytes =
-        size.isNumeric() || size.isBool() ? static_cast<std::uint32_t>(size.asLargestUInt()) : 0;
+    const std::uint32_t chunkBytes = low32(size);
     if (slot.filter == image::DCompression::FILTER_LZ4) {
         slot.offset = 16;
         slot.buffer.resize(std::size_t(chunkBytes) + 16);
@@ -347,16 +359,15 @@ void initImg(const Message& part, ImageSlot& slot, Json::Value& header)
     slot.offset = 0;
 }
 
-/// Receives a data part straight into the slot's buffer behind the offset; a shorter part
-/// leaves zeros, not stale heap bytes, behind it. Returns the part's "more" flag.
+/// Receives a data part straight into the slot's buffer behind the offset, truncated to it.
+/// Returns the part's "more" flag. The bytes of a shorter part are not counted: the rest of
+/// the buffer is left untouched, so that a header that announces a huge image costs
+/// address space, not memory.
 int receiveData(DZmqPartSource& source, ImageSlot& slot)
 {
     const std::size_t room = slot.buffer.size() - slot.offset;
-    char* at = room ? slot.buffer.data() + slot.offset : nullptr;
-    Message data(at, room);
+    Message data(room ? slot.buffer.data() + slot.offset : nullptr, room);
     data.recv(source);
-    if (data.received() < room)
-        std::memset(at + data.received(), 0, room - data.received());
     return data.more();
 }
 

@@ -19,7 +19,8 @@ class DZmqPartSource;
 /// the buffer that becomes the image, in the form in which it came: plain, an LZ4 chunk
 /// (the 16-byte framing is written in front before the data arrives) or a bitshuffle chunk
 /// (received one byte short, as the detector's protocol has it; the container's decoder
-/// takes that length). A plain data part shorter than the image leaves zeros behind it.
+/// takes that length). A data part shorter than its buffer leaves the rest as it was
+/// allocated (unspecified values): the received length is not compared.
 ///
 /// Failures:
 /// - DTimeoutException(0.1) when a part does not come within the time-out;
@@ -31,7 +32,8 @@ class DZmqPartSource;
 ///   message has in an unusable form, the value counts as missing or of the wrong kind:
 ///   members of a JSON part that is no object are missing, a "shape" whose elements are
 ///   not unsigned numbers is no array (182), an "htype" of a flatfield, mask or table
-///   header that is no text is a wrong one. "series" and "frame" are numbers when JSON can
+///   header that is no text is a wrong one, and the low 32 bits of a "size" that is no
+///   number are 0 (of a real, its integer part's). "series" and "frame" are numbers when JSON can
 ///   convert them to an unsigned 32-bit value or they are unsigned 64-bit integers.
 ///   Elements of an integer array of a configuration outside 32 bits keep their low 32
 ///   bits;
