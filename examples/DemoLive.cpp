@@ -7,6 +7,7 @@
 #include "DImageSeries.h"
 #include "DOrvikDetector.h"
 #include "DOrvikStream.h"
+#include "DStreamTables.h"
 #include "foundation/DException.h"
 
 #include <spawn.h>
@@ -154,7 +155,12 @@ void followSeries(const std::string& host, int restPort, const std::string& dir)
               << "frame time); write without decoding: " << received.size() / writeSeconds
               << " frames/s\n";
 
-    const DImage last(received.back());
+    // Back to signed counts, so that the gap and defect codes read -1 and -2 again, with the
+    // pixel mask the series' header brought.
+    DImage last = DImage(received.back()).asType<int>();
+    const auto& mask = header.at(NEXUS_PATH.at("pixel_mask")).asData().data();
+    if (!mask.empty())
+        last.optionalData().set_pixel_mask(DImage(mask));
     writeDemoPicture(last, dir + "/live.png");
     std::cout << "  the last frame drawn into " << dir << "/live.png\n";
 
