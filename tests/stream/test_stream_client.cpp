@@ -109,17 +109,6 @@ TEST(StreamClient, AbortFlagAndTimeLimit)
     }
 }
 
-TEST(StreamClient, AMalformedMessagePassesThroughAndTheNextPopGoesOn)
-{
-    stream_test::Sender sender;
-    DStreamClient client("127.0.0.1", sender.port());
-    sender.send({R"({"htype":"dnothing-1.0"})"});
-    sender.send({stream_test::endPart(8)});
-    EXPECT_THROW_MSG(popSoon(client), DRuntimeException,
-                     "Error parsing ORVIK stream: \"DZmqSocket\":619");
-    EXPECT_EQ(popSoon(client).end().seriesId(), 8u);
-}
-
 TEST(ZmqContext, ShutdownFromAnotherThreadEndsABlockedReceive)
 {
     stream_test::Sender sender;
