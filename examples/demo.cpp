@@ -10,6 +10,7 @@
 #include "DDetector.h"
 #include "DemoIpc.h"
 #include "DemoCorrections.h"
+#include "DemoLive.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
 #include "DFileSeriesIterator.h"
@@ -286,5 +287,6 @@ int main(int argc, char** argv)
               << ", demo-files/corrected.png\n";
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     norvexa_demo::demoIpc(frame, argv[0]);
+    norvexa_demo::followLiveSeries("demo-files");
     return equal ? 0 : 1;
 }
