@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <iostream>
 
 namespace norvexa {
@@ -95,6 +96,77 @@ struct AxisBasis {
     }
 };
 
+/// Constructs the reflection of band column `pivot` (1-based) over the pivot row and
+/// rows [l1, m] (relative: row r is absolute row base + r) and applies it to the columns
+/// to its right. Each column's sums accumulate in row order; the lanes are columns.
+inline void blendUpdate(double* row, const double* factors, double u, const std::uint64_t* keep,
+                        int columns)
+{
+    for (int c = 0; c < columns; ++c) {
+        const double updated = row[c] + factors[c] * u;
+        std::uint64_t a, b;
+        std::memcpy(&a, &updated, sizeof a);
+        std::memcpy(&b, &row[c], sizeof b);
+        a = (a & ~keep[c]) | (b & keep[c]);
+        std::memcpy(&row[c], &a, sizeof a);
+    }
+}
+
+NORVEXA_HOT_LOOP void reflect(double* band, std::size_t stride, int base, int pivot, int l1, int m,
+                              int nb, double* sums, double* factors, std::uint64_t* keep)
+{
+    if (pivot <= 0 || pivot >= l1 || l1 > m)
+        return;
+    auto g = [&](int row, int column) -> double& { return band[(row - 1) * stride + (column - 1)]; };
+    double cl = std::fabs(g(base + pivot, pivot));
+    for (int j = l1; j <= m; ++j)
+        cl = std::max(std::fabs(g(base + j, pivot)), cl);
+    if (cl < 1e-20)
+        return;
+    const double clinv = 1.0 / cl;
+    double t = g(base + pivot, pivot) * clinv;
+    double sm = t * t;
+    for (int j = l1; j <= m; ++j) {
+        t = g(base + j, pivot) * clinv;
+        sm = sm + t * t;
+    }
+    cl = cl * std::sqrt(sm);
+    if (g(base + pivot, pivot) > 0.0)
+        cl = -cl;
+    const double up = g(base + pivot, pivot) - cl;
+    g(base + pivot, pivot) = cl;
+
+    const int columns = nb + 1 - pivot; // the columns pivot + 1 .. nb + 1
+    if (columns <= 0)
+        return;
+    double b = up * g(base + pivot, pivot);
+    if (!(b < 0.0) || std::fabs(b) < 1e-24)
+        return;
+    b = 1.0 / b;
+    const double* pivotRow = &g(base + pivot, pivot + 1);
+    for (int c = 0; c < columns; ++c)
+        sums[c] = pivotRow[c] * up;
+    for (int i = l1; i <= m; ++i) {
+        const double u = g(base + i, pivot);
+        const double* row = &g(base + i, pivot + 1);
+        for (int c = 0; c < columns; ++c)
+            sums[c] = sums[c] + row[c] * u;
+    }
+    for (int c = 0; c < columns; ++c)
+        factors[c] = sums[c] * b;
+    double* pivotOut = &g(base + pivot, pivot + 1);
+    // A column whose sum is exactly 0 is left as it was. The choice is made on the bits,
+    // so that it stays a lane blend (a conditional floating add would not vectorise).
+    for (int c = 0; c < columns; ++c)
+        keep[c] = sums[c] != 0.0 ? 0 : ~std::uint64_t(0);
+    blendUpdate(pivotOut, factors, up, keep, columns);
+    for (int i = l1; i <= m; ++i) {
+        const double u = g(base + i, pivot);
+        double* row = &g(base + i, pivot + 1);
+        blendUpdate(row, factors, u, keep, columns);
+    }
+}
+
 /// The band triangle of the sequential accumulation, 1-based as the algorithm reads:
 /// rows of `nb + 1` entries, the last one the right-hand side.
 class BandSystem {
@@ -102,7 +174,7 @@ public:
     BandSystem(int unknowns, int nb)
         : _n(unknowns), _nb(nb), _stride(static_cast<std::size_t>(nb) + 1),
           _g((static_cast<std::size_t>(unknowns) + kBlockRows + 3) * _stride, 0.0),
-          _sums(_stride), _factors(_stride)
+          _sums(_stride), _factors(_stride), _keep(_stride)
     {
     }
 
@@ -180,66 +252,17 @@ private:
     /// points) read as 0.
     double band(int row, int column) { return column <= _nb + 1 ? g(row, column) : 0.0; }
 
-    /// Construct the reflection of column `pivot` over the pivot row and rows [l1, m]
-    /// (relative to _ip) and apply it to the columns to its right.
     void householder(int pivot, int l1, int m)
     {
-        if (pivot <= 0 || pivot >= l1 || l1 > m)
-            return;
-        const int base = _ip - 1; // relative row r is absolute row base + r
-        double cl = std::fabs(g(base + pivot, pivot));
-        for (int j = l1; j <= m; ++j)
-            cl = std::max(std::fabs(g(base + j, pivot)), cl);
-        if (cl < 1e-20)
-            return;
-        const double clinv = 1.0 / cl;
-        double t = g(base + pivot, pivot) * clinv;
-        double sm = t * t;
-        for (int j = l1; j <= m; ++j) {
-            t = g(base + j, pivot) * clinv;
-            sm = sm + t * t;
-        }
-        cl = cl * std::sqrt(sm);
-        if (g(base + pivot, pivot) > 0.0)
-            cl = -cl;
-        const double up = g(base + pivot, pivot) - cl;
-        g(base + pivot, pivot) = cl;
-
-        const int columns = _nb + 1 - pivot; // the columns pivot + 1 .. nb + 1
-        if (columns <= 0)
-            return;
-        double b = up * g(base + pivot, pivot);
-        if (!(b < 0.0) || std::fabs(b) < 1e-24)
-            return;
-        b = 1.0 / b;
-        double* sums = _sums.data();
-        double* factors = _factors.data();
-        const double* pivotRow = &g(base + pivot, pivot + 1);
-        for (int c = 0; c < columns; ++c)
-            sums[c] = pivotRow[c] * up;
-        for (int i = l1; i <= m; ++i) {
-            const double u = g(base + i, pivot);
-            const double* row = &g(base + i, pivot + 1);
-            for (int c = 0; c < columns; ++c)
-                sums[c] = sums[c] + row[c] * u;
-        }
-        for (int c = 0; c < columns; ++c)
-            factors[c] = sums[c] * b;
-        double* pivotOut = &g(base + pivot, pivot + 1);
-        for (int c = 0; c < columns; ++c)
-            pivotOut[c] = sums[c] != 0.0 ? pivotOut[c] + factors[c] * up : pivotOut[c];
-        for (int i = l1; i <= m; ++i) {
-            const double u = g(base + i, pivot);
-            double* row = &g(base + i, pivot + 1);
-            for (int c = 0; c < columns; ++c)
-                row[c] = sums[c] != 0.0 ? row[c] + factors[c] * u : row[c];
-        }
+        reflect(_g.data(), _stride, _ip - 1, pivot, l1, m, _nb, _sums.data(), _factors.data(),
+                _keep.data());
     }
 
     int _n, _nb;
     std::size_t _stride;
     std::vector<double> _g;
     std::vector<double> _sums, _factors;
+    std::vector<std::uint64_t> _keep;
     int _ip = 1, _ir = 1;
 };
 
