@@ -9,6 +9,7 @@
 
 #include "DDetector.h"
 #include "DemoPicture.h"
+#include "DemoPixelOps.h"
 #include "DFileSeriesIterator.h"
 #include "DGlobal.h"
 #include "DHdf5Writer.h"
@@ -299,5 +300,6 @@ int main(int argc, char** argv)
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
+    norvexa_demo::demoPixelOps(frame);
     return equal ? 0 : 1;
 }
