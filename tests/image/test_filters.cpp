@@ -266,6 +266,7 @@ TEST(Filters, FailuresInTheirOrder)
     EXPECT_THROW_MSG(frame.median<int>(nullptr, &wrongMask), DRuntimeException, "Mask has the wrong shape");
     const DImage noMask;
     EXPECT_EQ(frame.mean(nullptr, &noMask, 0, 2), 1.0);
+    EXPECT_EQ(frame.median<int>(nullptr, &noMask), 1);
     EXPECT_EQ(frame.mean(nullptr, nullptr, 1.0, 0.0), 0.0);
     EXPECT_EQ(empty.variance(nullptr, &wrongMask, 0, 1), 0.0);
     EXPECT_EQ(DImage(1, 1, 3).rms(nullptr, nullptr, 0, 9), 0.0);

@@ -58,6 +58,22 @@ NORVEXA_HOT_LOOP void integerRowSums(const S* row, const std::uint8_t* excluded,
     count += c;
 }
 
+/// The running sum of squared deviations over a row, pixel by pixel in order. A pixel
+/// not counted adds +0.0, which leaves a sum of non-negative terms as it is; so the
+/// chain has no branch.
+template <class S>
+NORVEXA_HOT_LOOP double squaresRow(const S* row, const std::uint8_t* excluded, int n, double low,
+                                   double high, double mean, double sum)
+{
+    for (int x = 0; x < n; ++x) {
+        const double v = static_cast<double>(row[x]);
+        const bool take = (low <= v) & (v <= high) & !excluded[x];
+        const double d = v - mean;
+        sum += take ? d * d : 0.0;
+    }
+    return sum;
+}
+
 struct Moments {
     double mean = 0.0;
     long long count = 0;
@@ -136,7 +152,19 @@ double varianceOf(const Image& image, const DRect* rect, const DImage* mask, dou
         // Squared deviations are rounded one by one, so they are summed in the defined order.
         double sum = 0.0;
         const double mean = moments.mean;
-        forCounted<P>(image, r, m, low, high, [&](double v) { sum += (v - mean) * (v - mean); });
+        if constexpr (std::is_same_v<P, bool>) {
+            forCounted<P>(image, r, m, low, high, [&](double v) { sum += (v - mean) * (v - mean); });
+        } else {
+            const std::size_t w = static_cast<std::size_t>(kernels::widthOf(image));
+            std::vector<std::uint8_t> excluded(static_cast<std::size_t>(r.width()), 0);
+            for (int y = r.top(); y < r.bottom(); ++y) {
+                const std::size_t begin = y * w + r.left();
+                if (m)
+                    kernels::excludedBytes(*m, begin, excluded.size(), excluded.data());
+                sum = squaresRow(kernels::pixelsOf<P>(image) + begin, excluded.data(), r.width(), low,
+                                 high, mean, sum);
+            }
+        }
         return sum / static_cast<double>(moments.count - 1);
     });
 }
@@ -162,6 +190,8 @@ T DImage::median(const DRect* rect, const DImage* mask) const
 {
     if (empty())
         return T(0);
+    if (mask && mask->empty())
+        mask = nullptr; // an empty mask counts as none, as in mean()
     if (mask)
         kernels::requireMaskShape(_imageData, mask->_imageData);
     return kernels::dispatchPixels(_imageData, [&](auto tag) -> T {
