@@ -4,6 +4,16 @@
 // bivariate spline (FITPACK) on the same points and knots:
 // tools/scipy_spline_bench.py writes the frame through `bench_spline --write-frame
 // <file>`, fits and evaluates.
+//
+// One session on the shared 2-core build machine under a load of about 11, CPU times
+// (wall clocks ran 2.5 to 6 times longer under that load):
+//
+//   splineFit, fit and evaluation            8.3 s
+//   scipy LSQBivariateSpline, fit           26.2 s, evaluation (ev) 2.2 s: 28.4 s
+//   ratio                                    3.4x faster
+//
+// Both solve the same least-squares problem on the same 16,842,752 points; the value at
+// (100, 100) is printed by both (the counter here, the script's last line).
 
 #include "common/DetectorFrames.h"
 
