@@ -13,6 +13,7 @@
 #include "DemoLive.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
+#include "DemoPixelOps.h"
 #include "DFileSeriesIterator.h"
 #include "DGlobal.h"
 #include "DHdf5Writer.h"
@@ -288,5 +289,6 @@ int main(int argc, char** argv)
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     norvexa_demo::demoIpc(frame, argv[0]);
     norvexa_demo::followLiveSeries("demo-files");
+    norvexa_demo::demoPixelOps(frame);
     return equal ? 0 : 1;
 }
