@@ -8,6 +8,7 @@
 // colour bar as a PNG. Files go to "demo-files/" in the working directory.
 
 #include "DDetector.h"
+#include "DemoDetector.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
 #include "DFileSeriesIterator.h"
@@ -275,5 +276,6 @@ int main(int argc, char** argv)
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
+    norvexa_demo::driveSimulatedDetector("demo-files/detector");
     return equal ? 0 : 1;
 }
