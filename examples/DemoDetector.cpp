@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <iomanip>
 #include <iostream>
 #include <stdexcept>
 #include <thread>
@@ -197,6 +198,11 @@ void driveSimulatedDetector(const std::string& directory)
 {
     std::cout << "\nDetector control over HTTP, against the detector simulator\n";
 #ifdef NORVEXA_DETECTOR_SIM
+    // Numbers as the server gives them, not in the fixed form of the tour before.
+    std::ios format(nullptr);
+    format.copyfmt(std::cout);
+    std::cout.unsetf(std::ios::floatfield);
+    std::cout << std::setprecision(6);
     try {
         SimulatorProcess simulator(NORVEXA_DETECTOR_SIM);
         std::cout << "  started " << NORVEXA_DETECTOR_SIM << " (pid " << simulator.pid()
@@ -206,6 +212,7 @@ void driveSimulatedDetector(const std::string& directory)
     } catch (const std::exception& e) {
         std::cout << "  FAILED: " << e.what() << " (the simulator is stopped)\n";
     }
+    std::cout.copyfmt(format);
 #else
     (void)directory;
     std::cout << "  skipped: the simulator is not built (NORVEXA_BUILD_SIMULATOR=OFF)\n";
