@@ -11,6 +11,7 @@
 #include "DemoIpc.h"
 #include "DemoCorrections.h"
 #include "DemoLive.h"
+#include "DemoDetector.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
 #include "DemoPixelOps.h"
@@ -282,13 +283,15 @@ int main(int argc, char** argv)
     describeWithMetadata(frame);
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
-    const DImage correctedFrame = norvexa_demo::demoCorrections(frame);
-    std::cout << "  the corrected frame in colour: limits "
-              << norvexa_demo::writeDemoPicture(correctedFrame, "demo-files/corrected.png")
-              << ", demo-files/corrected.png\n";
-    norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
-    norvexa_demo::demoIpc(frame, argv[0]);
-    norvexa_demo::followLiveSeries("demo-files");
     norvexa_demo::demoPixelOps(frame);
+    const DImage correctedFrame = norvexa_demo::demoCorrections(frame);
+    norvexa_demo::driveSimulatedDetector("demo-files/detector");
+    norvexa_demo::followLiveSeries("demo-files");
+    norvexa_demo::demoIpc(frame, argv[0]);
+    std::cout << "\nThe corrected frame in colour: limits "
+              << norvexa_demo::writeDemoPicture(correctedFrame, "demo-files/corrected.png") << ", "
+              << std::filesystem::absolute("demo-files/corrected.png").string() << "\n";
+    // Last, so that the picture's path ends what the demo prints.
+    norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     return equal ? 0 : 1;
 }

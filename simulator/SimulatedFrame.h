@@ -7,8 +7,8 @@
 namespace norvexa {
 namespace simulator {
 
-/// One frame of the simulated detector: 32-bit signed counts with the module gaps at -1,
-/// the same for the same seed.
+/// One frame of the simulated detector: a diffraction frame of 32-bit signed counts with the
+/// module gaps at -1 and defective pixels at -2, the same for the same seed.
 imglib::DImage simulatedFrame(int width, int height, std::uint32_t seed);
 
 } // namespace simulator

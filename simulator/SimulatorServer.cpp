@@ -410,7 +410,7 @@ void SimulatorServer::Private::routes()
     server.Delete(R"(/data/(.+))", wrap([this](const Request& req, Response& res) {
                       if (!files.remove(req.matches[1]))
                           return replyText(res, 404, "File " + std::string(req.matches[1]) + " not found");
-                      res.status = 204;
+                      replyJson(res, Json::Value(Json::objectValue));
                   }));
 
     // The simulator's own controls; not recorded, never faulted.

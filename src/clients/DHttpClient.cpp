@@ -127,11 +127,13 @@ std::size_t readCallback(char* buffer, std::size_t size, std::size_t count, void
 
 void clearMethod(CURL* curl)
 {
+    // POSTFIELDS first: setting it, even to null, makes libcurl's method a POST, which the
+    // POST 0 after it takes back. Last, it would turn a DELETE into a chunked upload.
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
     curl_easy_setopt(curl, CURLOPT_HTTPGET, 0L);
     curl_easy_setopt(curl, CURLOPT_UPLOAD, 0L);
     curl_easy_setopt(curl, CURLOPT_POST, 0L);
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
 }
 
 void setMethodOnCurlHandle(CURL* curl, DHttpClient::Method method)

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -26,7 +27,14 @@ protected:
         store.setValue("detector", "config", "count_time", 0.001);
     }
 
-    void TearDown() override { server->stop(); }
+    void TearDown() override
+    {
+        server->stop();
+        // What the client sent, to tell a client fault from a server fault.
+        if (HasFailure())
+            for (const auto& r : server->requests())
+                std::cerr << r.method << " " << r.target << " [" << r.body.substr(0, 60) << "]\n";
+    }
 
     /// The last recorded request whose target begins with `prefix`.
     norvexa::simulator::RecordedRequest lastRequest(const std::string& prefix = "") const

@@ -168,6 +168,8 @@ TEST_F(DetectorClientTest, StateMachineAndFiles)
     writer.remove("series_1_master.h5", noAbort);
     EXPECT_EQ(lastRequest().method, "DELETE");
     EXPECT_EQ(lastRequest().target, "/data/series_1_master.h5");
+    // No body: a DELETE after a download must not become a chunked upload.
+    EXPECT_EQ(lastRequest().headers.count("transfer-encoding"), 0u);
     EXPECT_EQ(writer.listFiles(noAbort).size(), 1u);
     try {
         writer.remove("series_1_master.h5", noAbort);
