@@ -9,6 +9,9 @@
 
 #include "DDetector.h"
 #include "DemoDetector.h"
+#include "DemoIpc.h"
+#include "DemoCorrections.h"
+#include "DemoLive.h"
 #include "DemoPicture.h"
 #include "DiffractionFrame.h"
 #include "DFileSeriesIterator.h"
@@ -220,6 +223,10 @@ void hdf5Series(const DImage& frame)
 
 int main(int argc, char** argv)
 {
+    // The demo's own second process, started by the inter-process part below.
+    if (argc == 3 && std::strcmp(argv[1], norvexa_demo::kQueuePeerOption) == 0)
+        return norvexa_demo::queuePeer(argv[2]);
+
     std::cout << "norvexa image library " << version() << "\n\n";
 
     auto start = std::chrono::steady_clock::now();
@@ -275,7 +282,13 @@ int main(int argc, char** argv)
     describeWithMetadata(frame);
     filesAndSeries(frame, argc > 1 ? argv[1] : NORVEXA_DATA_DIR);
     hdf5Series(frame);
+    const DImage correctedFrame = norvexa_demo::demoCorrections(frame);
+    std::cout << "  the corrected frame in colour: limits "
+              << norvexa_demo::writeDemoPicture(correctedFrame, "demo-files/corrected.png")
+              << ", demo-files/corrected.png\n";
     norvexa_demo::pictureOfFile("demo-files/frame.cbf", "demo-files/frame.png");
     norvexa_demo::driveSimulatedDetector("demo-files/detector");
+    norvexa_demo::demoIpc(frame, argv[0]);
+    norvexa_demo::followLiveSeries("demo-files");
     return equal ? 0 : 1;
 }

@@ -39,6 +39,10 @@ std::vector<CommandLineOption> commandLineOptions()
          [](SimulatorOptions& o, const std::string&) { o.uninitialized = true; }},
         {"--delay-ms", "MS", "wait this long before every answer",
          [](SimulatorOptions& o, const std::string& v) { o.delayMs = toInt(v, 0, 600000, "--delay-ms"); }},
+        {"--stream-port", "N", "data stream port on 127.0.0.1; 0 picks a free one (default 9999)",
+         [](SimulatorOptions& o, const std::string& v) { o.streamPort = toInt(v, 0, 65535, "--stream-port"); }},
+        {"--stream-master", "FILE", "HDF5 master file whose frames the stream replays as stored",
+         [](SimulatorOptions& o, const std::string& v) { o.streamMaster = v; }},
     };
 }
 
@@ -46,6 +50,7 @@ SimulatorOptions parseCommandLine(int argc, const char* const* argv)
 {
     const std::vector<CommandLineOption> table = commandLineOptions();
     SimulatorOptions options;
+    options.streamPort = 9999;
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
         const CommandLineOption* option = nullptr;

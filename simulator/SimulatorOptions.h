@@ -24,6 +24,11 @@ struct SimulatorOptions {
     bool uninitialized = false;
     /// Wait this long before every answer (a slow server).
     int delayMs = 0;
+    /// The data stream's port on 127.0.0.1; 0 picks a free one, so that servers in one
+    /// process don't collide. The program's default is the detector's data port 9999.
+    int streamPort = 0;
+    /// An HDF5 master file whose frames the stream replays; empty for synthetic frames.
+    std::string streamMaster;
 };
 
 /// One command-line option: "--name value" (or "--name" alone when `argument` is empty).

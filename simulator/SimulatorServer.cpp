@@ -1,5 +1,7 @@
 #include "SimulatorServer.h"
 
+#include "SimulatedStream.h"
+
 #include "FileArea.h"
 #include "MonitorBuffer.h"
 #include "SimulatedFrame.h"
@@ -24,9 +26,9 @@ using httplib::Response;
 
 namespace {
 
-const std::set<std::string> kInterfaces{"detector", "filewriter", "monitor"};
+const std::set<std::string> kInterfaces{"detector", "filewriter", "monitor", "stream"};
 // The versions this server speaks: its own and those of the clients it has met.
-const std::set<std::string> kVersions{"1.0.0", "1.5.0", "1.6.0", "1.8.0"};
+const std::set<std::string> kVersions{"1.0.0", "1.4.0", "1.5.0", "1.6.0", "1.8.0"};
 const char* const kServerVersion = "1.8.0";
 const char* const kJson = "application/json; charset=utf-8";
 
@@ -95,11 +97,13 @@ public:
                   ("norvexa-sim-" + std::to_string(::getpid()) + "-" + std::to_string(++instances))),
           detector(store, &simulatedFrame, !options.uninitialized),
           files(options.dataDirectory.empty() ? scratch / "data" : options.dataDirectory, store),
-          monitor(store, scratch / "monitor")
+          monitor(store, scratch / "monitor"),
+          stream(store, options.streamPort, options.streamMaster)
     {
         defineParameters();
         detector.addObserver(&files);
         detector.addObserver(&monitor);
+        detector.addObserver(&stream);
         routes();
     }
 
@@ -130,6 +134,7 @@ public:
     DetectorStateMachine detector;
     FileArea files;
     MonitorBuffer monitor;
+    SimulatedStream stream;
     httplib::Server server;
     std::thread thread;
     int port = 0;
@@ -498,6 +503,8 @@ void SimulatorServer::stop()
 }
 
 int SimulatorServer::port() const { return _d->port; }
+
+int SimulatorServer::dataPort() const { return _d->stream.port(); }
 
 ParameterStore& SimulatorServer::parameters() { return _d->store; }
 

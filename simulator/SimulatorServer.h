@@ -68,6 +68,8 @@ public:
     /// Ends the acquisition and every waiting request, and the serving thread.
     void stop();
     int port() const;
+    /// The port of the data stream.
+    int dataPort() const;
 
     ParameterStore& parameters();
     DetectorStateMachine& detector();

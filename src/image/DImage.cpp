@@ -1,5 +1,6 @@
 #include "DImage.h"
 
+#include "DShmImage.h"
 #include "foundation/DException.h"
 #include "foundation/image/DBinaryDispatcher.h"
 #include "image/kernels/PixelMath.h"
@@ -87,6 +88,12 @@ DImage::DImage(DBasicImage&& imageData, DImageOptionalData&& optionalData)
     : DImage(std::move(imageData))
 {
     _optionalData = std::move(optionalData);
+}
+
+DImage::DImage(const DShmImage& shared)
+    : _imageData(shared.imageData(), image::StdAllocator()),
+      _optionalData(shared.optionalData(), image::StdAllocator())
+{
 }
 
 DImage& DImage::operator=(const DImage& other)

@@ -6,6 +6,8 @@
 namespace norvexa {
 namespace imglib {
 
+class DShmImage;
+
 using DBasicImage = image::DBasicImage<image::StdAllocator>;
 
 /// One 2-D detector frame with its metadata.
@@ -43,6 +45,10 @@ public:
     explicit DImage(DBasicImage&& imageData);
     DImage(const DBasicImage& imageData, const DImageOptionalData& optionalData);
     DImage(DBasicImage&& imageData, DImageOptionalData&& optionalData);
+
+    /// A copy of an image that lies in a shared-memory segment, with its metadata.
+    explicit DImage(const DShmImage& shared);
+
     ~DImage() = default;
 
     /// Copy and swap: the target is untouched if the copy fails.

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 /// Expects `statement` to throw the class `exceptionClass` (or a subclass) with
 /// what() equal to `message`.
@@ -54,5 +56,15 @@ std::string uniqueShmName(const std::string& stem);
 
 /// Path of a file under data/.
 std::filesystem::path dataPath(const std::string& relative);
+
+/// Runs `command` in a shell: its exit status (-1 when it did not exit) and its output.
+std::pair<int, std::string> runCommand(const std::string& command);
+
+/// The MD5 digest of `size` bytes, in hex, or in base64 as CBF headers carry it.
+std::string md5Of(const void* bytes, std::size_t size, bool base64 = false);
+inline std::string md5Of(const std::string& bytes, bool base64 = false)
+{
+    return md5Of(bytes.data(), bytes.size(), base64);
+}
 
 } // namespace norvexa_test

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 #include <vector>
 
 using namespace norvexa;
@@ -44,37 +45,31 @@ constexpr unsigned int kWhite = 0xffffffff;     // grey[0]
 
 TEST(ColorTable, StaticTablesTwinsCopiesAndEquality)
 {
+    // (identifier, linear and logarithmic sizes, defective and saturated colours), then entries.
+    const auto describe = [](const DColorTable& t) {
+        return std::make_tuple(t.identifier(), t.linDataSize(), t.logDataSize(), t.defectiveColor(), t.saturatedColor());
+    };
     const DColorTable& hdr = DColorTable::hdr();
-    EXPECT_EQ(hdr.identifier(), "High Dynamic Range");
-    ASSERT_EQ(hdr.linDataSize(), 256);
-    ASSERT_EQ(hdr.logDataSize(), 768);
-    EXPECT_EQ(hdr.linData()[0], 0xffffffffu);
-    EXPECT_EQ(hdr.linData()[255], 0xff000000u);
-    EXPECT_EQ(hdr.logData()[0], 0xff000000u);
-    EXPECT_EQ(hdr.logData()[300], 0xffff2c00u);
-    EXPECT_EQ(hdr.logData()[767], 0xffffffffu);
-    EXPECT_EQ(hdr.defectiveColor(), kDefective);
-    EXPECT_EQ(hdr.saturatedColor(), kSaturated);
-    EXPECT_EQ(DColorTable::grey().logDataSize(), 0);
-    EXPECT_EQ(DColorTable::grey().identifier(), "Grey Scale");
+    ASSERT_EQ(describe(hdr), std::make_tuple("High Dynamic Range", 256, 768, kDefective, kSaturated));
+    EXPECT_EQ((std::vector<unsigned int>{hdr.linData()[0], hdr.linData()[255], hdr.logData()[0], hdr.logData()[300],
+                                         hdr.logData()[767]}),
+              (std::vector<unsigned int>{0xffffffff, 0xff000000, 0xff000000, 0xffff2c00, 0xffffffff}));
+    EXPECT_EQ(std::make_pair(DColorTable::grey().identifier(), DColorTable::grey().logDataSize()),
+              std::make_pair(std::string("Grey Scale"), 0));
     EXPECT_EQ(DColorTable::heat().linDataSize(), 768);
     const DColorTable& rainbow = DColorTable::rainbow();
     ASSERT_EQ(rainbow.linDataSize(), 2801);
-    EXPECT_EQ(rainbow.linData()[0], 0xffff0000u);
-    EXPECT_EQ(rainbow.linData()[150], 0xffff3f00u); // 15 degrees: green a quarter up
-    EXPECT_EQ(rainbow.linData()[1200], 0xff00ff00u);
-    EXPECT_EQ(rainbow.linData()[2400], 0xff0000ffu);
-    EXPECT_EQ(rainbow.defectiveColor(), 0xff000000u);
-    EXPECT_EQ(rainbow.saturatedColor(), 0xffffffffu);
+    EXPECT_EQ(std::make_pair(rainbow.defectiveColor(), rainbow.saturatedColor()), std::make_pair(0xff000000u, 0xffffffffu));
+    // 150 is 15 degrees: green a quarter up.
+    EXPECT_EQ((std::vector<unsigned int>{rainbow.linData()[0], rainbow.linData()[150], rainbow.linData()[1200],
+                                         rainbow.linData()[2400]}),
+              (std::vector<unsigned int>{0xffff0000, 0xffff3f00, 0xff00ff00, 0xff0000ff}));
 
     const DColorTable* twin = hdr.inverseTable();
     ASSERT_NE(twin, nullptr);
-    EXPECT_TRUE(twin->inverse());
-    EXPECT_FALSE(hdr.inverse());
-    EXPECT_EQ(twin->inverseTable(), &hdr);
-    EXPECT_EQ(twin->linData()[0], 0xff000000u);
-    EXPECT_EQ(twin->logData()[0], 0xffffffffu);
-    EXPECT_EQ(twin->identifier(), hdr.identifier());
+    EXPECT_EQ(std::make_tuple(hdr.inverse(), twin->inverse(), twin->inverseTable()), std::make_tuple(false, true, &hdr));
+    EXPECT_EQ(std::make_tuple(twin->identifier(), twin->linData()[0], twin->logData()[0]),
+              std::make_tuple(hdr.identifier(), 0xff000000u, 0xffffffffu));
 
     // A copy of the twin is a table of its own, with a twin of its own.
     DColorTable copy(*twin);
@@ -186,8 +181,7 @@ TEST(ColorMap, FormatsRectangleAndFailures)
             grid.setPixel<int>(x, y, x + 10 * y);
     DRect rect(1, 1, 2, 2);
     const DImage part = DColorMap::rgb(grid, 256, 0, 0, DColorTable::grey(), kRgb, nullptr, &rect, 0, false, false);
-    EXPECT_EQ(part.width(), 2);
-    EXPECT_EQ(part.height(), 2);
+    EXPECT_EQ(std::make_pair(part.width(), part.height()), std::make_pair(2, 2));
     EXPECT_FALSE(part.optionalData().pixelMaskSize());
     const auto grey = [](unsigned int v) { return 0xff000000u | (255 - v) * 0x010101u; };
     EXPECT_EQ(pixels(part), (std::vector<unsigned int>{grey(11), grey(12), grey(21), grey(22)}));
@@ -212,8 +206,7 @@ TEST(ColorMap, LegendRowsAndTicks)
         DImage bar(10, 101, 0);
         std::map<int, double> ticks = {{7, 42.0}};
         DColorMap::legend(bar, ticks, 100, 0, 1000, DColorTable::grey(), kRgb);
-        ASSERT_EQ(bar.width(), 10);
-        ASSERT_EQ(bar.height(), 101);
+        ASSERT_EQ(std::make_pair(bar.width(), bar.height()), std::make_pair(10, 101));
         EXPECT_EQ(bar.pixel<unsigned int>(0, 0, 0), kWhite);
         EXPECT_EQ(bar.pixel<unsigned int>(9, 50, 0), kGrey128);
         EXPECT_EQ(bar.pixel<unsigned int>(0, 100, 0), 0xff000000u);

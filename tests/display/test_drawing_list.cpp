@@ -63,8 +63,7 @@ TEST(DrawingPrimitives, FieldsAndCutTexts)
 TEST(DrawingList, GrowthAccessAndClear)
 {
     DStdDrawingList list;
-    EXPECT_EQ(list.size(), 0u);
-    EXPECT_EQ(list.memsize(), 0u);
+    EXPECT_EQ(std::make_pair(list.size(), list.memsize()), std::make_pair(0ul, 0ul));
     EXPECT_THROW_MSG(list[0], DOutOfRangeException, "Error: Access to DDrawingList is out of range");
 
     // Slots: 10, then 13 on the eleventh push, then 17. Pixels of 24 bytes fit in 1024.
@@ -114,14 +113,12 @@ TEST(DrawingList, CopiesIntoSharedMemoryAndBack)
         heap, segment.allocator());
     EXPECT_TRUE(segment.contains(shared));
     EXPECT_TRUE(segment.contains(&(*shared)[0]));
-    EXPECT_EQ(shared->memsize(), heap.memsize());
-    EXPECT_EQ(shared->size(), 23u);
+    EXPECT_EQ(std::make_pair(shared->memsize(), shared->size()), std::make_pair(heap.memsize(), 23ul));
     expectSample(*shared);
     EXPECT_EQ(static_cast<const DDrawingLine&>((*shared)[22]).xEnd(), 20);
 
     const DStdDrawingList back(*shared, image::StdAllocator());
-    EXPECT_EQ(back.memsize(), heap.memsize());
-    EXPECT_EQ(back.size(), 23u);
+    EXPECT_EQ(std::make_pair(back.memsize(), back.size()), std::make_pair(heap.memsize(), 23ul));
     expectSample(back);
 
     // Assignment keeps each list in its own segment.
@@ -139,7 +136,6 @@ TEST(DrawingList, CopiesIntoSharedMemoryAndBack)
     expectSample(fromShared);
 
     DShmDrawingList moved(std::move(elsewhere));
-    EXPECT_EQ(elsewhere.size(), 0u);
-    EXPECT_EQ(moved.size(), 23u);
+    EXPECT_EQ(std::make_pair(elsewhere.size(), moved.size()), std::make_pair(0ul, 23ul));
     segment.segment.destroy_ptr(shared);
 }

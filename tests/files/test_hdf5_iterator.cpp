@@ -1,3 +1,4 @@
+#include "ReaderHelpers.h"
 #include "TestHelpers.h"
 
 #include "DHdf5Iterator.h"
@@ -59,63 +60,40 @@ void expectFixtureFrame(const DImage& image, int number, double scale, bool sign
     EXPECT_EQ(wrong, 0) << "image " << number;
 }
 
-// A master whose one data link is made here, with the project's own HDF5 layer, for the
-// shapes no peer would write.
-struct HandMadeMaster {
-    explicit HandMadeMaster(const fs::path& dir) : path((dir / "hand_master.h5").string()), file(path, "w")
-    {
-        hdf5::DH5Group data = file.addGroup("/entry/data", true);
-        data.addAttribute("NX_class", hdf5::H5String, 6, {}).write(std::string("NXdata"));
-    }
-    hdf5::DH5Data addFrames(const std::string& name, hdf5::DataType type, unsigned long size,
-                            const std::vector<long>& dims, int low, int high)
-    {
-        hdf5::DH5Data data = file.addDataset("/entry/data/" + name, type, size, dims, image::DCompression::FILTER_NONE);
-        data.addAttribute("image_nr_low", hdf5::H5Int, 4, {}).write(low);
-        data.addAttribute("image_nr_high", hdf5::H5Int, 4, {}).write(high);
-        return data;
-    }
-    void close() { file = hdf5::DH5File(); }
-    std::string path;
-    hdf5::DH5File file;
-};
-
 } // namespace
 
 TEST(Hdf5Iterator, PeerFilesOfEveryTypeAndFilterReadIdentically)
 {
+    const struct {
+        const char* name;
+        datatypes::Type type;
+        void (*expectFrame)(const DImage&, int);
+    } types[] = {
+        {"uint16", datatypes::UINT, [](const DImage& i, int n) { expectFixtureFrame<unsigned short>(i, n, 1.0, false); }},
+        {"uint32", datatypes::UINT, [](const DImage& i, int n) { expectFixtureFrame<unsigned int>(i, n, 1.0, false); }},
+        {"int32", datatypes::INT, [](const DImage& i, int n) { expectFixtureFrame<int>(i, n, 1.0, true); }},
+        {"float32", datatypes::FLOAT, [](const DImage& i, int n) { expectFixtureFrame<float>(i, n, 0.25, false); }},
+    };
     for (const std::string filter : {"none", "lz4", "bslz4"}) {
-        for (const std::string type : {"uint16", "uint32", "int32", "float32"}) {
-            SCOPED_TRACE(type + "_" + filter);
-            const std::string path = fixture(type + "_" + filter + "_master.h5");
+        for (const auto& type : types) {
+            SCOPED_TRACE(type.name + ("_" + filter));
+            const std::string path = fixture(type.name + ("_" + filter) + "_master.h5");
             DHdf5Iterator series(path);
             ASSERT_EQ(series.first(), 1);
             ASSERT_EQ(series.last(), 5);
             ASSERT_EQ(series.size(), 5u);
             for (int number = 1; number <= 5; ++number) {
                 const DImage image = series[number];
-                if (type == "uint16") {
-                    EXPECT_EQ(image.type(), datatypes::UINT);
-                    expectFixtureFrame<unsigned short>(image, number, 1.0, false);
-                } else if (type == "uint32") {
-                    EXPECT_EQ(image.type(), datatypes::UINT);
-                    expectFixtureFrame<unsigned int>(image, number, 1.0, false);
-                } else if (type == "int32") {
-                    EXPECT_EQ(image.type(), datatypes::INT);
-                    expectFixtureFrame<int>(image, number, 1.0, true);
-                } else {
-                    EXPECT_EQ(image.type(), datatypes::FLOAT);
-                    expectFixtureFrame<float>(image, number, 0.25, false);
-                }
+                EXPECT_EQ(image.type(), type.type);
+                type.expectFrame(image, number);
                 EXPECT_EQ(image.optionalData().neXusIndex(), number);
-                EXPECT_EQ(*image.optionalData().imageDescription(),
-                          path + " # " + std::to_string(number) + "/5");
+                EXPECT_EQ(*image.optionalData().imageDescription(), path + " # " + std::to_string(number) + "/5");
             }
         }
     }
 }
 
-TEST(Hdf5Iterator, HeaderBecomesMetadataWithoutImageDataOrAttributeValues)
+TEST(Hdf5Iterator, HeaderBecomesMetadataWithoutImageDataOrAttributeValuesAndMasksFitTheFrame)
 {
     DHdf5Iterator series(fixture("uint32_bslz4_master.h5"));
     const nexus::DNeXusTree tree = series.neXus();
@@ -140,19 +118,14 @@ TEST(Hdf5Iterator, HeaderBecomesMetadataWithoutImageDataOrAttributeValues)
     EXPECT_EQ(mask.pixel<unsigned int>(7, 5, 0U), 2u);
     EXPECT_EQ(mask.pixel<unsigned int>(0, 6, 0U), 1u);
     EXPECT_EQ(mask.pixel<unsigned int>(0, 0, 0U), 0u);
-}
 
-TEST(Hdf5Iterator, MasksOfAnotherSizeOrNoneBecomeEmptyMasksOfTheFrame)
-{
+    // A mask of another size, or none, becomes an empty mask of the frame.
     for (const std::string name : {"mask_mismatch_master.h5", "uint16_none_master.h5"}) {
         SCOPED_TRACE(name);
-        DHdf5Iterator series(fixture(name));
-        const DImage mask = *series[1].optionalData().pixel_mask();
-        EXPECT_EQ(mask.width(), kWidth);
-        EXPECT_EQ(mask.height(), kHeight);
-        EXPECT_EQ(mask.type(), datatypes::UINT);
-        EXPECT_EQ(mask.typeBits(), 32u);
-        EXPECT_EQ(mask.pixel<unsigned int>(0, 0, 0U), 0u);
+        const DImage empty = *DHdf5Iterator(fixture(name))[1].optionalData().pixel_mask();
+        EXPECT_EQ(std::make_tuple(empty.width(), empty.height(), empty.type(), empty.typeBits()),
+                  std::make_tuple(kWidth, kHeight, datatypes::UINT, 32ul));
+        EXPECT_EQ(empty.pixel<unsigned int>(0, 0, 0U), 0u);
     }
 }
 
@@ -211,20 +184,16 @@ TEST(Hdf5Iterator, LegacyLayoutsAndTheFallBackToThem)
     EXPECT_EQ(nothing.first(), 1);
     EXPECT_EQ(nothing.last(), 0);
     EXPECT_THROW_MSG(nothing.front(), DOutOfRangeException, "Image number 1 out of range");
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_NE(printed.find("Failed to read h5 file: "), std::string::npos);
-}
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("Failed to read h5 file: "), std::string::npos);
 
-TEST(Hdf5Iterator, LinksWithWrongNamesArePassedOver)
-{
+    // Links with wrong names are passed over.
     testing::internal::CaptureStdout();
-    DHdf5Iterator series(fixture("bad_links_master.h5"));
+    DHdf5Iterator badLinks(fixture("bad_links_master.h5"));
     try {
-        series.update();
+        badLinks.update();
     } catch (const DImageCorruptedException&) {
     }
-    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind(
-                  "Failed to read h5 file: No valid datasets /entry/data\n", 0),
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("Failed to read h5 file: No valid datasets /entry/data\n", 0),
               0u);
 }
 
@@ -243,31 +212,22 @@ TEST(Hdf5Iterator, PopFrontLastsUntilTheNextUpdate)
     EXPECT_THROW_MSG(series.pushBack(DImage()), DRuntimeException, "Cannot push back image to hdf5 container");
 }
 
-TEST(Hdf5Iterator, DataFilesAreFoundBesideTheMasterFromAnyDirectory)
+TEST(Hdf5Iterator, DataFilesAreFoundBesideTheMasterAndUpdateSeesLaterOnes)
 {
-    norvexa_test::TempDir series;
-    norvexa_test::TempDir elsewhere;
-    copyFixtures("uint16_lz4_", series.path());
+    norvexa_test::TempDir series, elsewhere;
+    copyFixtures("missing_last_", series.path());
     // A decoy of the same name in the working directory must not be read.
     fs::copy_file(norvexa_test::dataPath("hdf5/int32_none_data_000001.h5"),
-                  elsewhere.path() / "uint16_lz4_data_000001.h5");
+                  elsewhere.path() / "missing_last_data_000001.h5");
     norvexa_test::WorkingDirectory in(elsewhere.path());
-    DHdf5Iterator iterator((series.path() / "uint16_lz4_master.h5").string());
-    expectFixtureFrame<unsigned short>(iterator[1], 1, 1.0, false);
-    expectFixtureFrame<unsigned short>(iterator[5], 5, 1.0, false);
-}
-
-TEST(Hdf5Iterator, UpdateSeesDataFilesWrittenLater)
-{
-    norvexa_test::TempDir dir;
-    copyFixtures("missing_last_", dir.path());
-    DHdf5Iterator series((dir.path() / "missing_last_master.h5").string());
-    EXPECT_EQ(series.last(), 3);
+    DHdf5Iterator iterator((series.path() / "missing_last_master.h5").string());
+    EXPECT_EQ(iterator.last(), 3);
+    expectFixtureFrame<unsigned int>(iterator[1], 1, 1.0, false);
     fs::copy_file(norvexa_test::dataPath("hdf5/uint32_bslz4_data_000002.h5"),
-                  dir.path() / "missing_last_data_000002.h5");
+                  series.path() / "missing_last_data_000002.h5");
     // An image beyond the end updates once by itself.
-    expectFixtureFrame<unsigned int>(series[5], 5, 1.0, false);
-    EXPECT_EQ(series.last(), 5);
+    expectFixtureFrame<unsigned int>(iterator[5], 5, 1.0, false);
+    EXPECT_EQ(iterator.last(), 5);
 }
 
 TEST(Hdf5Iterator, AFilterThatIsNeitherBuiltInNorInstalledIsNamed)
@@ -285,62 +245,62 @@ TEST(Hdf5Iterator, AFilterThatIsNeitherBuiltInNorInstalledIsNamed)
     }
 }
 
+// Masters whose one image dataset is made here, with the project's own HDF5 layer, in the
+// shapes no peer would write.
 TEST(Hdf5Iterator, BadShapesAndTypesGiveTheirTexts)
 {
+    const struct {
+        const char* label;
+        const char* name;
+        hdf5::DataType type;
+        unsigned long size;
+        std::vector<long> dims;
+        bool floatLow; // an image number of the wrong type counts as missing
+        int high;
+        const char* printed; // nullptr: not checked
+        const char* failure; // nullptr: the series is empty
+    } cases[] = {
+        {"text", "data_000001", hdf5::H5String, 8, {2, 3, 4}, false, 2, nullptr,
+         "Cannot read string data in dataset: /entry/data/data_000001"},
+        {"two dimensions: the main path refuses, the legacy path finds nothing", "data_000001", hdf5::H5UInt, 4,
+         {3, 4}, false, 3, "Failed to read h5 file: Wrong shape of /entry/data/data_000001\nUsing legacy code. \n",
+         nullptr},
+        {"a float image number", "data_000001", hdf5::H5UInt, 4, {2, 3, 4}, true, 2,
+         "Failed to read h5 file: Failed to read attribute: Wrong datatype\nUsing legacy code. \n", nullptr},
+        {"the legacy path checks the frame count against the numbers", "frames", hdf5::H5UInt, 4, {2, 3, 4}, false,
+         3, nullptr, "Inconsistent hdf5 data attributes \"image_nr_low\" and \"image_number_high\""},
+    };
     norvexa_test::TempDir dir;
-    {
-        HandMadeMaster master(dir.path());
-        master.addFrames("data_000001", hdf5::H5String, 8, {2, 3, 4}, 1, 2);
-        master.close();
-        DHdf5Iterator series(master.path);
-        EXPECT_THROW_MSG(series[1], DImageCorruptedException,
-                         "Cannot read string data in dataset: /entry/data/data_000001");
-    }
-    {
-        // A two-dimensional image dataset: the main path refuses it and the legacy
-        // path finds nothing.
-        HandMadeMaster master(dir.path());
-        master.addFrames("data_000001", hdf5::H5UInt, 4, {3, 4}, 1, 3);
-        master.close();
+    const std::string path = (dir.path() / "hand_master.h5").string();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        {
+            hdf5::DH5File file(path, "w");
+            file.addGroup("/entry/data", true).addAttribute("NX_class", hdf5::H5String, 6, {}).write(std::string("NXdata"));
+            hdf5::DH5Data data = file.addDataset("/entry/data/" + std::string(c.name), c.type, c.size, c.dims,
+                                                 image::DCompression::FILTER_NONE);
+            if (c.floatLow)
+                data.addAttribute("image_nr_low", hdf5::H5Float, 4, {}).write(std::vector<float>{1.0f}.data());
+            else
+                data.addAttribute("image_nr_low", hdf5::H5Int, 4, {}).write(1);
+            data.addAttribute("image_nr_high", hdf5::H5Int, 4, {}).write(c.high);
+        }
         testing::internal::CaptureStdout();
-        DHdf5Iterator series(master.path);
-        EXPECT_TRUE(series.empty());
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "Failed to read h5 file: Wrong shape of /entry/data/data_000001\nUsing legacy code. \n");
-    }
-    {
-        // An image number of the wrong type counts as missing.
-        HandMadeMaster master(dir.path());
-        hdf5::DH5Data data = master.file.addDataset("/entry/data/data_000001", hdf5::H5UInt, 4, {2, 3, 4},
-                                                    image::DCompression::FILTER_NONE);
-        data.addAttribute("image_nr_low", hdf5::H5Float, 4, {}).write(std::vector<float>{1.0f}.data());
-        data.addAttribute("image_nr_high", hdf5::H5Int, 4, {}).write(2);
-        master.close();
-        testing::internal::CaptureStdout();
-        DHdf5Iterator series(master.path);
-        EXPECT_TRUE(series.empty());
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "Failed to read h5 file: Failed to read attribute: Wrong datatype\nUsing legacy code. \n");
-    }
-    {
-        // The legacy path checks the frame count against the numbers.
-        HandMadeMaster master(dir.path());
-        master.addFrames("frames", hdf5::H5UInt, 4, {2, 3, 4}, 1, 3);
-        master.close();
-        testing::internal::CaptureStdout();
-        DHdf5Iterator series(master.path);
-        EXPECT_THROW_MSG(series.update(), DImageCorruptedException,
-                         "Inconsistent hdf5 data attributes \"image_nr_low\" and \"image_number_high\"");
-        testing::internal::GetCapturedStdout();
+        DHdf5Iterator series(path);
+        if (c.failure) {
+            EXPECT_THROW_MSG(series[1], DImageCorruptedException, c.failure);
+        } else {
+            EXPECT_TRUE(series.empty());
+        }
+        const std::string printed = testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(!c.printed || printed == c.printed) << printed;
     }
 }
 
 TEST(Hdf5Iterator, DamagedFilesRaiseAndNeverCrash)
 {
     norvexa_test::TempDir dir;
-    const std::string master = fixture("uint32_bslz4_master.h5");
-    std::ifstream in(master, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto bytes = norvexa_test::fileBytes<std::string>(fixture("uint32_bslz4_master.h5"));
     const fs::path damaged = dir.path() / "damaged_master.h5";
     hdf5::DH5DontPrint quiet;
     testing::internal::CaptureStdout();
@@ -358,11 +318,7 @@ TEST(Hdf5Iterator, DamagedFilesRaiseAndNeverCrash)
     // Flipped bytes in a data file: its chunks fail to decode or decode to other pixels.
     copyFixtures("uint32_bslz4_", dir.path());
     const fs::path dataFile = dir.path() / "uint32_bslz4_data_000001.h5";
-    std::string data;
-    {
-        std::ifstream file(dataFile, std::ios::binary);
-        data.assign((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    }
+    std::string data = norvexa_test::fileBytes<std::string>(dataFile);
     for (std::size_t at = data.size() / 2; at < data.size(); at += 97)
         data[at] = static_cast<char>(data[at] ^ 0x5a);
     std::ofstream(dataFile, std::ios::binary | std::ios::trunc) << data;

@@ -9,10 +9,8 @@ using namespace norvexa::imglib;
 TEST(ImageStack, KeepsTheNewestImagesByNumber)
 {
     DImageStack stack(3);
-    EXPECT_EQ(stack.maxStackSize(), 3);
-    EXPECT_TRUE(stack.empty());
-    EXPECT_EQ(stack.first(), 0);
-    EXPECT_EQ(stack.last(), -1);
+    EXPECT_EQ(std::make_tuple(stack.maxStackSize(), stack.empty(), stack.first(), stack.last()),
+              std::make_tuple(3, true, 0, -1));
     EXPECT_THROW_MSG(stack.front(), DOutOfRangeException, "Image Stack is empty");
     stack.popFront(); // silent when empty
     for (int i = 1; i <= 4; ++i)
@@ -40,9 +38,8 @@ TEST(ImageStack, EveryStoredImageHasAMaskOfItsSizeAndTheCallersIsUntouched)
     EXPECT_EQ(image.optionalData().pixel_mask()->width(), 3) << "the caller's image is not changed";
     const auto stored = stack[0].optionalData().pixel_mask();
     ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->width(), 6);
-    EXPECT_EQ(stored->type(), datatypes::UINT);
-    EXPECT_EQ(stored->pixel<int>(5, 1, 9), 0);
+    EXPECT_EQ(std::make_tuple(stored->width(), stored->type(), stored->pixel<int>(5, 1, 9)),
+              std::make_tuple(6, datatypes::UINT, 0));
     EXPECT_EQ(stack.bytesHeld(), 6u * 2 * 4 * 2) << "pixels and the new mask";
     EXPECT_EQ(DImageStack::imageSize(stack[0]), stack.bytesHeld());
 }

@@ -160,8 +160,7 @@ TEST(DetectorMask, PixelsAreReadAsInt)
 TEST(DetectorMask, NoFamilyAndUnimplementedType)
 {
     const DImage mask = DDetector::mask(frameOf<int>(980, 407, -2));
-    EXPECT_EQ(mask.width(), 980);
-    EXPECT_EQ(mask.height(), 407);
+    EXPECT_EQ(std::make_pair(mask.width(), mask.height()), std::make_pair(980, 407));
     EXPECT_EQ(maskDiffers(mask, nullptr), "");
     EXPECT_TRUE(DDetector::mask(DImage()).empty());
     for (int width : {487, 10}) {

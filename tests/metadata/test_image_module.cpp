@@ -59,13 +59,6 @@ std::vector<std::string> dacNames(const DImageModule& module)
 
 } // namespace
 
-TEST(ImageModule, NewModuleIsEmpty)
-{
-    const DImageModule module;
-    EXPECT_TRUE(module == DImageModule(DRect(), {}, -1)) << "no chips, table or DACs, number -1";
-    EXPECT_EQ(module.vrf(), 0.0);
-}
-
 TEST(ImageModule, Chips)
 {
     EXPECT_EQ(DImageModule(DRect(), chipRow(16), 0).numberOfChips(), DImageModule::MAX_NUMBER_OF_CHIPS);
@@ -88,9 +81,11 @@ TEST(ImageModule, Chips)
     EXPECT_EQ(module.numberOfChips(), 0);
 }
 
-TEST(ImageModule, DACsAndVrf)
+TEST(ImageModule, NewModuleDACsAndVrf)
 {
     DImageModule module;
+    EXPECT_TRUE(module == DImageModule(DRect(), {}, -1)) << "new: no chips, table or DACs, number -1";
+    EXPECT_EQ(module.vrf(), 0.0);
     module.addDAC("vthr", 9);
     module.setVrf(-0.15);
     module.setVrf(0.25);
@@ -209,15 +204,4 @@ TEST(ImageModule, NodeAndTableFromTheLinkedTree)
     EXPECT_EQ(noNode.neXusModule(), nullptr);
     noNode.load_countrate_correction_lookup_table();
     EXPECT_TRUE(noNode.countrate_correction_lookup_table().empty()) << "no node: no table";
-}
-
-// The shared-memory instantiation behaves alike; only its link type differs.
-TEST(ImageModule, SharedMemoryInstantiation)
-{
-    DBasicImageModule<image::ShmAllocator> module(DRect(100, 0, 1030, 257), chipRow(4, 1), 3), copy;
-    module.addDAC("vrfp", 1);
-    copy = module;
-    EXPECT_TRUE(copy == module);
-    EXPECT_EQ(copy.absoluteChipGeometry(1), DRect(161, 1, 60, 97));
-    EXPECT_THROW_MSG(copy.setChips(chipRow(17)), DOutOfRangeException, kTooManyChips);
 }

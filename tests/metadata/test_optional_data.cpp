@@ -1,3 +1,4 @@
+#include "MetadataText.h"
 #include "SharedSegment.h"
 #include "TestHelpers.h"
 
@@ -8,11 +9,13 @@
 
 #include <cmath>
 #include <limits>
+#include <regex>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
 using image::ShmAllocator;
 using image::StdAllocator;
+using norvexa_test::everything;
 
 namespace {
 
@@ -36,30 +39,6 @@ DImageModule moduleAt(int left, int top, int number)
     module.setVrf(-0.25);
     module.set_countrate_correction_lookup_table({0, 1, 3, 7});
     return module;
-}
-
-// Every item, as text, to compare two objects whatever their allocator.
-template <class Allocator>
-std::string everything(const DBasicImageOptionalData<Allocator>& data)
-{
-    std::ostringstream out;
-    auto put = [&](const char* name, const auto& value) {
-        out << name << "=";
-        if (value)
-            out << *value;
-        else
-            out << "-";
-        out << ";";
-    };
-#define NORVEXA_PUT(NAME, VALUE, STORED, UNIT, PATH1, PATH2, PATH3) put(#NAME, data.NAME());
-    NORVEXA_METADATA_ITEMS(NORVEXA_PUT)
-#undef NORVEXA_PUT
-    put("description", data.imageDescription());
-    put("header", data.rawHeader());
-    put("rotation", data.rotation_angle());
-    put("step", data.rotation_angle_step());
-    out << "index=" << data.neXusIndex() << ";modules=" << (data.modules() ? data.modules()->size() : 0);
-    return out.str();
 }
 
 // Every path the metadata reads, and a few of their parents, so that random trees put
@@ -106,17 +85,9 @@ void putRandomValue(nexus::DBasicNeXusData<image::StdAllocator>& data, DMersenne
 
 TEST(OptionalData, ANewObjectKnowsNothing)
 {
-    const DImageOptionalData data;
-#define NORVEXA_EXPECT_ABSENT(NAME, VALUE, STORED, UNIT, PATH1, PATH2, PATH3)                      \
-    EXPECT_FALSE(data.NAME()) << #NAME;
-    NORVEXA_METADATA_ITEMS(NORVEXA_EXPECT_ABSENT)
-#undef NORVEXA_EXPECT_ABSENT
-    EXPECT_EQ(data.neXusIndex(), 0);
-    EXPECT_FALSE(data.modules());
-    EXPECT_FALSE(data.pixel_mask());
-    EXPECT_FALSE(data.imageDescription());
-    EXPECT_FALSE(data.rawHeader());
-    EXPECT_FALSE(data.rotation_angle());
+    EXPECT_TRUE(std::regex_match(everything(DImageOptionalData()), std::regex("(\\w+=-;)+index=0;modules=0")))
+        << everything(DImageOptionalData());
+    EXPECT_FALSE(DImageOptionalData().pixel_mask());
 }
 
 TEST(OptionalData, SettersWriteTheTreeWithTheirUnitsAndStoredTypes)
@@ -197,10 +168,9 @@ TEST(OptionalData, TextsAndMask)
     data.set_pixel_mask(mask);
     const auto back = data.pixel_mask();
     ASSERT_TRUE(back);
-    EXPECT_EQ(std::make_pair(back->type(), back->typeBits()), std::make_pair(datatypes::UINT, 32ul));
-    EXPECT_EQ(back->width(), 4);
-    EXPECT_EQ(back->pixel<int>(1, 1, 0), 1);
-    EXPECT_EQ(back->pixel<int>(3, 2, 0), 8);
+    EXPECT_EQ(std::make_tuple(back->type(), back->typeBits(), back->width(), back->pixel<int>(1, 1, 0),
+                              back->pixel<int>(3, 2, 0)),
+              std::make_tuple(datatypes::UINT, 32ul, 4, 1, 8));
     data.set_pixel_mask(boost::none);
     EXPECT_FALSE(data.pixel_mask());
 }

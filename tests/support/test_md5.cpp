@@ -4,12 +4,11 @@
 
 #include <sys/mman.h>
 
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <random>
+#include <sstream>
 #include <vector>
 
 using norvexa::imglib::DMd5;
@@ -37,15 +36,11 @@ std::string hexOf(const Bytes& message)
 // coreutils' md5sum over the files of `dir`, in one run: file name -> digest.
 std::map<std::string, std::string> md5sumOf(const std::filesystem::path& dir)
 {
-    const std::string command = "cd '" + dir.string() + "' && md5sum -- *";
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
+    std::istringstream lines(norvexa_test::runCommand("cd '" + dir.string() + "' && md5sum -- *").second);
     std::map<std::string, std::string> digests;
-    char line[512];
-    while (pipe && std::fgets(line, sizeof line, pipe.get())) {
-        const std::string text(line); // "<32 hex digits>  <name>\n"
-        if (text.size() > 35)
-            digests[text.substr(34, text.size() - 35)] = text.substr(0, 32);
-    }
+    for (std::string text; std::getline(lines, text);) // "<32 hex digits>  <name>"
+        if (text.size() > 34)
+            digests[text.substr(34)] = text.substr(0, 32);
     return digests;
 }
 
@@ -104,7 +99,7 @@ TEST(Md5, RandomMessagesAgreeWithMd5sum)
     }
 }
 
-TEST(Md5, AppendInPiecesGivesTheDigestOfTheWhole)
+TEST(Md5, AppendInPiecesAndInCopiesGivesTheDigestOfTheWhole)
 {
     DMd5 md5;
     const Bytes small = randomBytes(300, 3);
@@ -126,6 +121,21 @@ TEST(Md5, AppendInPiecesGivesTheDigestOfTheWhole)
     }
     md5.finish();
     EXPECT_EQ(md5.toHex(), hexOf(message));
+
+    // Copies, made or assigned in the middle, go on independently.
+    DMd5 original;
+    original.append(message.data(), 150);
+    DMd5 copy(original), assigned;
+    const unsigned char* record = assigned.digest();
+    assigned = original;
+    original.finish(); // the digest of the first 150 bytes only
+    for (DMd5* part : {&copy, &assigned}) {
+        part->append(message.data() + 150, 50);
+        part->finish();
+        EXPECT_EQ(part->toHex(), hexOf(Bytes(message.begin(), message.begin() + 200)));
+    }
+    EXPECT_EQ(original.toHex(), hexOf(Bytes(message.begin(), message.begin() + 150)));
+    EXPECT_EQ(assigned.digest(), record) << "assignment keeps the record";
 }
 
 TEST(Md5, HashAndResetStartFromScratchFinishDoesNot)
@@ -152,26 +162,6 @@ TEST(Md5, HashAndResetStartFromScratchFinishDoesNot)
     padded.resize(64, 0);
     padded.insert(padded.end(), def, def + 3);
     EXPECT_EQ(md5.toHex(), hexOf(padded));
-}
-
-TEST(Md5, CopiesGoOnIndependently)
-{
-    const Bytes message = randomBytes(200, 7);
-    DMd5 original;
-    original.append(message.data(), 150);
-    DMd5 copy(original);
-    DMd5 assigned;
-    const unsigned char* digest = assigned.digest();
-    assigned = original;
-    original.finish(); // the digest of the first 150 bytes only
-
-    for (DMd5* md5 : {&copy, &assigned}) {
-        md5->append(message.data() + 150, 50);
-        md5->finish();
-        EXPECT_EQ(md5->toHex(), hexOf(message));
-    }
-    EXPECT_EQ(original.toHex(), hexOf(Bytes(message.begin(), message.begin() + 150)));
-    EXPECT_EQ(assigned.digest(), digest) << "assignment keeps the record";
 }
 
 TEST(Md5, MessageAboveTwoGibibytes)

@@ -1,0 +1,10 @@
+#include "DArray.h"
+
+namespace norvexa {
+namespace imglib {
+
+template class DArray<DPixel, image::StdAllocator>;
+template class DArray<DPixel, image::ShmAllocator>;
+
+} // namespace imglib
+} // namespace norvexa

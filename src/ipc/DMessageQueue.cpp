@@ -1,0 +1,341 @@
+#include "DMessageQueue.h"
+
+#include "DImage.h"
+#include "DShmImage.h"
+#include "foundation/DAssert.h"
+#include "foundation/image/DAllocators.h"
+
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
+#include <boost/interprocess/sync/file_lock.hpp>
+#include <boost/interprocess/sync/interprocess_condition.hpp>
+#include <boost/interprocess/sync/interprocess_mutex.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+
+#include <cerrno>
+#include <fstream>
+#include <typeinfo>
+#include <utility>
+
+namespace bip = boost::interprocess;
+
+namespace norvexa {
+namespace imglib {
+
+namespace {
+
+const std::string kMainLockPrefix = std::string("/tmp") + "/__NORVEXA_FENWIK_FLK_MAIN_";
+const std::string kSubLockPrefix = std::string("/tmp") + "/__NORVEXA_FENWIK_FLK_SUB_";
+const std::string kQueue1Prefix = "__NORVEXA_FENWIK_MSQ_1_";
+const std::string kQueue2Prefix = "__NORVEXA_FENWIK_MSQ_2_";
+const std::string kAdminPrefix = "__NORVEXA_FENWIK_MSQ_ADMIN_";
+// No underscore before the queue's name here, unlike the names above.
+const std::string kData1Prefix = "__NORVEXA_FENWIK_MSQ_DATA_1";
+const std::string kData2Prefix = "__NORVEXA_FENWIK_MSQ_DATA_2";
+const char* const kCondition1 = "cond1";
+const char* const kCondition2 = "cond2";
+
+constexpr std::size_t kMaxMessages = 100;
+constexpr std::size_t kMaxMessageSize = 4096;
+constexpr std::size_t kAdminSize = 4096;
+constexpr std::size_t kSegmentGrowth = 4194304;
+constexpr unsigned kPermissions = 0644;
+
+using image::ShmAllocator;
+using image::ShmSegment;
+
+/// The state of one direction's object slot, in the administration segment.
+struct MessageCondition {
+    /// 1: the slot is empty; 0: it holds an object that the receiver has not taken.
+    unsigned char flag = 1;
+    bip::interprocess_mutex mutex;
+    bip::interprocess_condition condition;
+};
+
+/// How each class of object crosses: its form in the segment, the size the segment
+/// starts with, and the copy back to the heap.
+template <class Data>
+struct Crossing;
+
+template <>
+struct Crossing<DImage> {
+    using Shared = DShmImage;
+    // A node of the metadata takes about 1 KiB; each pixel leaves room for a 32-bit mask.
+    static std::size_t firstSize(const DImage& image)
+    {
+        return image.optionalData().neXus().size() * 1024 + image.size() * (image.dataSize() + 4);
+    }
+    static DImage back(const Shared& shared) { return DImage(shared); }
+};
+
+template <>
+struct Crossing<DArray<DPixel>> {
+    using Shared = DArray<DPixel, ShmAllocator>;
+    static std::size_t firstSize(const DArray<DPixel>& array) { return array.size() * sizeof(DPixel) + 4096; }
+    static DArray<DPixel> back(const Shared& shared) { return DArray<DPixel>(shared, image::StdAllocator()); }
+};
+
+template <>
+struct Crossing<DStdDrawingList> {
+    using Shared = DShmDrawingList;
+    static std::size_t firstSize(const DStdDrawingList& list) { return list.memsize() + 4096; }
+    static DStdDrawingList back(const Shared& shared)
+    {
+        return DStdDrawingList(shared, image::StdAllocator());
+    }
+};
+
+[[noreturn]] void throwNotOpen(const std::string& name)
+{
+    throw DMessageQueueException("DMessageQueue " + name + " is not open.");
+}
+
+/// Creates the file if it is missing, as opening an output stream for appending does.
+void touch(const std::string& path) { std::ofstream stream(path, std::ios::app); }
+
+/// Releases the open/close lock on every way out of open().
+class SubLockGuard {
+public:
+    explicit SubLockGuard(bip::file_lock& lock) : _lock(lock) {}
+    ~SubLockGuard()
+    {
+        try {
+            _lock.unlock();
+        } catch (const bip::interprocess_exception&) {
+            // The descriptor is closed with the lock object; that frees the lock as well.
+        }
+    }
+    SubLockGuard(const SubLockGuard&) = delete;
+    SubLockGuard& operator=(const SubLockGuard&) = delete;
+
+private:
+    bip::file_lock& _lock;
+};
+
+} // namespace
+
+class DMessageQueuePrivate {
+public:
+    /// Drops this process's mappings of the queues and the administration segment.
+    void unmap() noexcept
+    {
+        queueIn.reset();
+        queueOut.reset();
+        admin.reset();
+        condIn = nullptr;
+        condOut = nullptr;
+    }
+
+    /// Removes the five shared objects of the names; what is not there is no failure.
+    void removeSharedObjects() const noexcept
+    {
+        for (const std::string* object : {&queueInName, &queueOutName, &adminName, &dataInName, &dataOutName})
+            bip::shared_memory_object::remove(object->c_str());
+    }
+
+    template <class Data>
+    void sendObject(const Data& data);
+    template <class Data>
+    void receiveObject(Data& data);
+
+    std::unique_ptr<bip::message_queue> queueIn;
+    std::unique_ptr<bip::message_queue> queueOut;
+    std::unique_ptr<ShmSegment> admin;
+    std::string name;
+    std::string queueInName;
+    std::string queueOutName;
+    std::string adminName;
+    std::string dataInName;
+    std::string dataOutName;
+    MessageCondition* condIn = nullptr;
+    MessageCondition* condOut = nullptr;
+    std::unique_ptr<bip::file_lock> mainLock;
+    std::unique_ptr<bip::file_lock> subLock;
+};
+
+template <class Data>
+void DMessageQueuePrivate::sendObject(const Data& data)
+{
+    using ShmData = typename Crossing<Data>::Shared;
+    if (!admin)
+        throwNotOpen(name);
+    MessageCondition& condition = *condOut;
+    try {
+        bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
+        while (condition.flag == 0)
+            condition.condition.wait(lock);
+        condition.flag = 0;
+        std::size_t size = Crossing<Data>::firstSize(data);
+        for (;;) {
+            // A segment left by an earlier message is taken as it is, whatever its size.
+            ShmSegment messageData(bip::open_or_create, dataOutName.c_str(), size, nullptr,
+                                   bip::permissions(kPermissions));
+            try {
+                const ShmAllocator allocator(messageData.get_segment_manager());
+                messageData.construct<ShmData>(typeid(Data).name())(data, allocator);
+            } catch (const bip::bad_alloc&) {
+                // The receiver opens the segment anew for each message, so a bigger one
+                // under the same name is found.
+                bip::shared_memory_object::remove(dataOutName.c_str());
+                size += kSegmentGrowth;
+                continue;
+            }
+            NORVEXA_ASSERT(messageData.find<ShmData>(typeid(Data).name()).first, "send");
+            // All waiters: another sending thread of this process may wait on the same
+            // condition, and must not take the wake-up that is meant for the receiver.
+            condition.condition.notify_all();
+            return;
+        }
+    } catch (const bip::interprocess_exception& e) {
+        bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
+        bip::shared_memory_object::remove(dataOutName.c_str());
+        throw DMessageQueueException(e.what());
+    }
+}
+
+template <class Data>
+void DMessageQueuePrivate::receiveObject(Data& data)
+{
+    using ShmData = typename Crossing<Data>::Shared;
+    if (!admin)
+        throwNotOpen(name);
+    MessageCondition& condition = *condIn;
+    try {
+        bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
+        while (condition.flag != 0)
+            condition.condition.wait(lock);
+        ShmSegment messageData(bip::open_only, dataInName.c_str());
+        const ShmData* shmData = messageData.find<ShmData>(typeid(Data).name()).first;
+        NORVEXA_ASSERT(shmData, "receive");
+        data = Crossing<Data>::back(*shmData);
+        messageData.destroy<ShmData>(typeid(Data).name());
+        condition.flag = 1;
+        condition.condition.notify_all();
+    } catch (const bip::interprocess_exception& e) {
+        bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
+        bip::shared_memory_object::remove(dataInName.c_str());
+        throw DMessageQueueException(e.what());
+    }
+}
+
+DMessageQueue::DMessageQueue() : _d(std::make_unique<DMessageQueuePrivate>()) {}
+
+DMessageQueue::DMessageQueue(const char* name) : DMessageQueue() { open(name); }
+
+// A failure to close ends the process: the noexcept destructor lets nothing out.
+DMessageQueue::~DMessageQueue() { close(); }
+
+void DMessageQueue::open(const char* name)
+{
+    DMessageQueuePrivate& d = *_d;
+    d.name = name;
+    const std::string mainLockPath = kMainLockPrefix + d.name;
+    const std::string subLockPath = kSubLockPrefix + d.name;
+    d.adminName = kAdminPrefix + d.name;
+    d.unmap();
+    touch(mainLockPath);
+    touch(subLockPath);
+    d.mainLock.reset();
+    d.subLock.reset();
+    try {
+        d.mainLock = std::make_unique<bip::file_lock>(mainLockPath.c_str());
+        d.subLock = std::make_unique<bip::file_lock>(subLockPath.c_str());
+        d.subLock->lock();
+        SubLockGuard unlockOnExit(*d.subLock);
+        // The main lock stays taken while the main side has the queue open; the operating
+        // system frees it when that process dies.
+        const bool isMain = d.mainLock->try_lock();
+        if (!isMain)
+            d.mainLock.reset();
+        d.queueInName = (isMain ? kQueue1Prefix : kQueue2Prefix) + d.name;
+        d.queueOutName = (isMain ? kQueue2Prefix : kQueue1Prefix) + d.name;
+        d.dataInName = (isMain ? kData1Prefix : kData2Prefix) + d.name;
+        d.dataOutName = (isMain ? kData2Prefix : kData1Prefix) + d.name;
+        const bip::permissions permissions(kPermissions);
+        if (isMain) {
+            // Whatever a crashed run left behind goes first.
+            d.removeSharedObjects();
+            d.queueIn = std::make_unique<bip::message_queue>(bip::create_only, d.queueInName.c_str(),
+                                                             kMaxMessages, kMaxMessageSize, permissions);
+            d.queueOut = std::make_unique<bip::message_queue>(bip::create_only, d.queueOutName.c_str(),
+                                                              kMaxMessages, kMaxMessageSize, permissions);
+            d.admin = std::make_unique<ShmSegment>(bip::create_only, d.adminName.c_str(), kAdminSize,
+                                                   nullptr, permissions);
+            d.condIn = d.admin->construct<MessageCondition>(kCondition1)();
+            d.condOut = d.admin->construct<MessageCondition>(kCondition2)();
+        } else {
+            d.queueIn = std::make_unique<bip::message_queue>(bip::open_only, d.queueInName.c_str());
+            d.queueOut = std::make_unique<bip::message_queue>(bip::open_only, d.queueOutName.c_str());
+            d.admin = std::make_unique<ShmSegment>(bip::open_only, d.adminName.c_str());
+            d.condIn = d.admin->find<MessageCondition>(kCondition2).first;
+            d.condOut = d.admin->find<MessageCondition>(kCondition1).first;
+            // A main side that died between making the segment and its conditions.
+            if (!d.condIn || !d.condOut) {
+                d.unmap();
+                throw bip::interprocess_exception(bip::error_info(ENOENT));
+            }
+        }
+    } catch (const bip::interprocess_exception& e) {
+        throw DMessageQueueException(e.what());
+    }
+}
+
+void DMessageQueue::close()
+{
+    DMessageQueuePrivate& d = *_d;
+    if (d.subLock) {
+        try {
+            d.subLock->lock();
+            d.unmap();
+            if (d.mainLock) {
+                d.removeSharedObjects();
+                d.mainLock.reset();
+            }
+            d.subLock->unlock();
+        } catch (const bip::interprocess_exception& e) {
+            throw DMessageQueueException(e.what());
+        }
+        d.subLock.reset();
+    }
+    for (std::string* text :
+         {&d.name, &d.queueInName, &d.queueOutName, &d.adminName, &d.dataInName, &d.dataOutName})
+        text->clear();
+}
+
+void DMessageQueue::send(const std::string& text)
+{
+    if (!_d->queueOut)
+        throwNotOpen(_d->name);
+    if (text.size() > kMaxMessageSize)
+        throw DMessageQueueException("Maximum message length exceeded (4096 characters)");
+    try {
+        _d->queueOut->send(text.data(), text.size(), 0);
+    } catch (const bip::interprocess_exception& e) {
+        throw DMessageQueueException(e.what());
+    }
+}
+
+std::string DMessageQueue::receive()
+{
+    if (!_d->queueIn)
+        throwNotOpen(_d->name);
+    char buffer[kMaxMessageSize];
+    bip::message_queue::size_type received = 0;
+    unsigned int priority = 0;
+    try {
+        _d->queueIn->receive(buffer, sizeof buffer, received, priority);
+    } catch (const bip::interprocess_exception& e) {
+        throw DMessageQueueException(e.what());
+    }
+    return std::string(buffer, received);
+}
+
+void DMessageQueue::send(const DImage& image) { _d->sendObject(image); }
+void DMessageQueue::send(const DArray<DPixel>& array) { _d->sendObject(array); }
+void DMessageQueue::send(const DStdDrawingList& list) { _d->sendObject(list); }
+void DMessageQueue::receive(DImage& image) { _d->receiveObject(image); }
+void DMessageQueue::receive(DArray<DPixel>& array) { _d->receiveObject(array); }
+void DMessageQueue::receive(DStdDrawingList& list) { _d->receiveObject(list); }
+
+} // namespace imglib
+} // namespace norvexa

@@ -1,0 +1,172 @@
+#include "TestHelpers.h"
+
+#include "../../examples/DiffractionFrame.h"
+#include "DHdf5Writer.h"
+#include "DHttpException.h"
+#include "DImage.h"
+#include "DOrvikDetector.h"
+#include "DOrvikStream.h"
+#include "DStreamClient.h"
+#include "SimulatorServer.h"
+#include "foundation/DException.h"
+
+#include <cstring>
+#include <memory>
+
+using namespace norvexa;
+using namespace norvexa::imglib;
+
+namespace {
+
+/// A simulated detector in this process, its stream on a free data port, small frames.
+class SimulatedStream : public ::testing::Test {
+protected:
+    void start(const std::string& master = "")
+    {
+        simulator::SimulatorOptions options;
+        options.width = 64;
+        options.height = 48;
+        options.dataDirectory = files.path() / "area";
+        options.streamMaster = master;
+        server = std::make_unique<simulator::SimulatorServer>(options);
+        port = server->start();
+        server->parameters().setValue("detector", "config", "frame_time", 0.001);
+        server->parameters().setValue("detector", "config", "count_time", 0.001);
+        rest = std::make_unique<DOrvikStream>("127.0.0.1", port);
+        client = std::make_unique<DStreamClient>("127.0.0.1", server->dataPort());
+        rest->setEnabled(true, never);
+    }
+    void TearDown() override
+    {
+        if (server)
+            server->stop();
+    }
+    void setting(const std::string& name, const Json::Value& value)
+    {
+        ASSERT_EQ(server->parameters().put("stream", "config", name, value).status, 200) << name;
+    }
+    void acquire(int images)
+    {
+        DOrvikDetector detector("127.0.0.1", port);
+        detector.setNImages(images, never);
+        detector.arm(never);
+        detector.trigger(never);
+    }
+    DStreamObject pop() { return client->pop(5, never); }
+
+    norvexa_test::TempDir files;
+    std::unique_ptr<simulator::SimulatorServer> server;
+    std::unique_ptr<DOrvikStream> rest;
+    std::unique_ptr<DStreamClient> client;
+    int port = 0;
+    const std::atomic<bool> never{false};
+};
+
+std::string pixels(const DImage& image)
+{
+    return std::string(image.cdata(), image.size() * image.dataSize());
+}
+
+} // namespace
+
+TEST_F(SimulatedStream, RestControlOfTheStream)
+{
+    start();
+    EXPECT_FALSE(rest->version().empty());
+    EXPECT_TRUE(rest->enabled(never));
+    rest->setEnabled(false, never);
+    EXPECT_FALSE(rest->enabled(never));
+    rest->setHeaderDetail("all", never);
+    EXPECT_EQ(rest->headerDetail(never), "all");
+    EXPECT_EQ(rest->dropped(never), 0);
+    // Nothing is checked on the way out: the server refuses an unknown detail.
+    EXPECT_THROW(rest->setHeaderDetail("most", never), DHttpException);
+}
+
+TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
+{
+    start();
+    const struct {
+        const char* encoding;
+        const char* type;
+        image::DCompression::FILTER filter;
+    } encodings[] = {
+        {"<", "uint32", image::DCompression::FILTER_NONE},
+        {"lz4<", "uint32", image::DCompression::FILTER_LZ4},
+        {"bs16-lz4<", "uint16", image::DCompression::FILTER_BS16_LZ4},
+        {"bs32-lz4<", "float32", image::DCompression::FILTER_BS32_LZ4},
+    };
+    const struct {
+        const char* detail;
+        bool configuration, flatfield;
+    } details[] = {{"none", false, false}, {"basic", true, false}, {"all", true, true}};
+    std::uint64_t series = 0;
+    for (const auto& e : encodings)
+        for (const auto& d : details) {
+            SCOPED_TRACE(std::string(e.encoding) + " " + d.detail);
+            setting("encoding", e.encoding);
+            setting("pixel_type", e.type);
+            rest->setHeaderDetail(d.detail, never);
+            acquire(3);
+            const DStreamObject header = pop();
+            ASSERT_EQ(header.type(), DStreamObject::CONFIG);
+            EXPECT_GT(header.config().seriesId(), series);
+            series = header.config().seriesId();
+            const nexus::DNeXusTree tree = header.config().config();
+            const std::string flatfield = "/entry/instrument/detector/detectorSpecific/flatfield";
+            EXPECT_EQ(tree.size() > 1, d.configuration);
+            if (d.configuration) {
+                EXPECT_EQ(tree.at(flatfield).asData().data().size(), d.flatfield ? 64u * 48u : 0u);
+            }
+            for (unsigned frame = 1; frame <= 3; ++frame) {
+                const DStreamObject image = pop();
+                ASSERT_EQ(image.type(), DStreamObject::DATA);
+                EXPECT_EQ(image.data().imageId(), frame);
+                EXPECT_EQ(image.data().data().filter(), e.filter);
+                const DImage sent = demo::diffractionFrame(64, 48, 6 + frame);
+                const DImage expected = std::string(e.type) == "uint16"    ? sent.asType<unsigned short>()
+                                        : std::string(e.type) == "float32" ? sent.asType<float>()
+                                                                           : sent.asType<unsigned int>();
+                EXPECT_TRUE(pixels(DImage(image.data().data())) == pixels(expected));
+            }
+            EXPECT_EQ(pop().end().seriesId(), series);
+        }
+}
+
+TEST_F(SimulatedStream, FaultKnobs)
+{
+    start();
+    setting("drop_every", 2);
+    setting("malformed", "shape");
+    setting("stop_before_end", true);
+    acquire(4);
+    EXPECT_EQ(pop().type(), DStreamObject::CONFIG);
+    EXPECT_THROW_MSG(pop(), DRuntimeException, "Error parsing ORVIK stream: \"DZmqSocket\":183");
+    EXPECT_EQ(pop().data().imageId(), 1u);
+    EXPECT_EQ(pop().data().imageId(), 3u);
+    EXPECT_THROW(client->pop(0.3, never), DTimeoutException);
+    EXPECT_EQ(rest->dropped(never), 2);
+}
+
+TEST_F(SimulatedStream, AMasterFileReplayedChunkByChunk)
+{
+    const std::string base = (files.path() / "replay.h5").string();
+    std::vector<DImage> frames;
+    {
+        DHdf5Writer writer(base, 0, nexus::DNeXusTree(), image::DCompression::FILTER_BS32_LZ4);
+        for (unsigned seed : {3u, 4u}) {
+            frames.push_back(demo::diffractionFrame(40, 30, seed).asType<unsigned int>());
+            writer.write(frames.back());
+        }
+    }
+    start(base);
+    setting("encoding", "<"); // the file's own encoding wins
+    acquire(2);
+    EXPECT_EQ(pop().type(), DStreamObject::CONFIG);
+    for (const DImage& frame : frames) {
+        const auto chunk = pop().data().data();
+        EXPECT_EQ(chunk.filter(), image::DCompression::FILTER_BS32_LZ4);
+        EXPECT_TRUE(pixels(DImage(chunk)) == pixels(frame));
+    }
+    EXPECT_EQ(pop().type(), DStreamObject::END);
+}
