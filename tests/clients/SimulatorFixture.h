@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DHttpException.h"
 #include "SimulatorServer.h"
 #include "TestHelpers.h"
 
@@ -9,6 +10,19 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
+
+/// The status and text of the DHttpException that `call` raises; {0, "accepted"} if none.
+template <class Call>
+std::pair<int, std::string> httpFailure(Call call)
+{
+    try {
+        call();
+    } catch (const norvexa::imglib::DHttpException& e) {
+        return {e.status(), e.what()};
+    }
+    return {0, "accepted"};
+}
 
 /// A simulated detector server on a free port of 127.0.0.1 for each test, with small frames
 /// and a fast frame time so that a series takes milliseconds.

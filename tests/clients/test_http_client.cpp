@@ -1,4 +1,5 @@
 #include "DHttpClient.h"
+#include "ReaderHelpers.h"
 #include "SimulatorFixture.h"
 
 #include "foundation/DException.h"
@@ -27,11 +28,7 @@ Data bytes(const std::string& text)
 
 std::string text(const Data& data) { return data.size() ? std::string(data.cdata(), data.size()) : ""; }
 
-std::string readFile(const std::filesystem::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
+std::string readFile(const std::filesystem::path& path) { return norvexa_test::fileBytes<std::string>(path); }
 
 const std::string kVersionPath = "/detector/api/version/";
 const std::string kAborted = "Http request failed: Operation was aborted by an application callback";

@@ -1,8 +1,6 @@
 #include "DHttpClient.h"
-#include "DHttpException.h"
 #include "DOrvikDetector.h"
-#include "SimulatorServer.h"
-#include "TestHelpers.h"
+#include "SimulatorFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -50,13 +48,7 @@ TEST(SimulatorServerTest, UninitializedDetectorAndTheControlEndpoints)
     const std::atomic<bool> abort{false};
     DOrvikDetector detector("127.0.0.1", port);
     EXPECT_EQ(detector.status(abort), "na");
-    try {
-        detector.arm(abort);
-        ADD_FAILURE() << "armed before initialize";
-    } catch (const DHttpException& e) {
-        EXPECT_EQ(e.status(), 400);
-        EXPECT_STREQ(e.what(), "Command arm not allowed in state na");
-    }
+    EXPECT_EQ(httpFailure([&] { detector.arm(abort); }), std::make_pair(400, std::string("Command arm not allowed in state na")));
     detector.initialize(abort);
     EXPECT_EQ(detector.status(abort), "idle");
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -44,26 +43,6 @@ norvexa::imglib::DAbstractImageReader::Data readerData(const Bytes& bytes)
 inline std::vector<char> pixelBytes(const norvexa::imglib::DImage& image)
 {
     return std::vector<char>(image.cdata(), image.cdata() + image.size() * image.dataSize());
-}
-
-/// Flips every byte of `file` in turn with each mask and hands the result to `read`, which
-/// may succeed or throw `Own` with a text that `isOwn` accepts; anything else is a failure.
-template <class Own, class Bytes, class Read, class IsOwn>
-void expectEveryFlipReadsOrFailsOwnWay(const Bytes& file, std::initializer_list<unsigned char> masks, Read read,
-                                       IsOwn isOwn)
-{
-    for (std::size_t at = 0; at < file.size(); ++at)
-        for (unsigned char mask : masks) {
-            Bytes flipped = file;
-            flipped[at] = static_cast<char>(flipped[at] ^ mask);
-            try {
-                read(flipped, at);
-            } catch (const Own& e) {
-                EXPECT_TRUE(isOwn(std::string(e.what()))) << "byte " << at << ": " << e.what();
-            } catch (const std::exception& e) {
-                ADD_FAILURE() << "byte " << at << ": " << e.what();
-            }
-        }
 }
 
 } // namespace norvexa_test

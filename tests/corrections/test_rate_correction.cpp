@@ -100,9 +100,7 @@ TEST(RateCorrection, ValidatesInOrderWithItsTexts)
         c.edit(frame.optionalData());
         DRateCorrection correction;
         correction.recomputeLookupTable(true);
-        testing::internal::CaptureStdout();
-        EXPECT_THROW_MSG(correction.correctImage(frame, kNoMask), DBadParameterException, c.message);
-        testing::internal::GetCapturedStdout();
+        capture([&] { EXPECT_THROW_MSG(correction.correctImage(frame, kNoMask), DBadParameterException, c.message); });
     }
 }
 
@@ -221,10 +219,10 @@ TEST(RateCorrection, SimulationFilesThatDoNotServe)
         DImage frame = rampFrame(12, c.mode, c.directory);
         DRateCorrection correction;
         correction.recomputeLookupTable(true);
-        testing::internal::CaptureStdout();
-        EXPECT_THROW_MSG(correction.correctImage(frame, kNoMask), DBadParameterException,
-                         "Could not read LUT for count rate correction");
-        const std::string printed = testing::internal::GetCapturedStdout();
+        const std::string printed = capture([&] {
+            EXPECT_THROW_MSG(correction.correctImage(frame, kNoMask), DBadParameterException,
+                             "Could not read LUT for count rate correction");
+        });
         EXPECT_NE(printed.find(c.printed), std::string::npos) << printed;
     }
 }

@@ -315,20 +315,6 @@ TEST(Hdf5Iterator, DamagedFilesRaiseAndNeverCrash)
             ++raised;
         }
     }
-    // Flipped bytes in a data file: its chunks fail to decode or decode to other pixels.
-    copyFixtures("uint32_bslz4_", dir.path());
-    const fs::path dataFile = dir.path() / "uint32_bslz4_data_000001.h5";
-    std::string data = norvexa_test::fileBytes<std::string>(dataFile);
-    for (std::size_t at = data.size() / 2; at < data.size(); at += 97)
-        data[at] = static_cast<char>(data[at] ^ 0x5a);
-    std::ofstream(dataFile, std::ios::binary | std::ios::trunc) << data;
-    for (int number = 1; number <= 3; ++number) {
-        try {
-            DHdf5Iterator((dir.path() / "uint32_bslz4_master.h5").string())[number];
-        } catch (const DException&) {
-            ++raised;
-        }
-    }
     testing::internal::GetCapturedStderr();
     testing::internal::GetCapturedStdout();
     EXPECT_GT(raised, 30);

@@ -1,3 +1,4 @@
+#include "ReaderHelpers.h"
 #include "TestHelpers.h"
 
 #include "DImage.h"
@@ -6,8 +7,6 @@
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 using namespace norvexa;
@@ -21,8 +20,7 @@ const std::vector<DRect> kModules = {DRect(2, 3, 55, 70), DRect(63, 3, 55, 70)};
 template <class T>
 std::vector<T> readFixture(const char* name)
 {
-    std::ifstream in(norvexa_test::dataPath(std::string("spline/") + name), std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::vector<char> bytes = norvexa_test::fileBytes(norvexa_test::dataPath(std::string("spline/") + name));
     std::vector<T> values(bytes.size() / sizeof(T));
     std::memcpy(values.data(), bytes.data(), values.size() * sizeof(T));
     return values;

@@ -10,8 +10,10 @@
 #include "SimulatorServer.h"
 #include "foundation/DException.h"
 
+#include <chrono>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -48,6 +50,9 @@ protected:
     void acquire(int images)
     {
         DOrvikDetector detector("127.0.0.1", port);
+        // The end message of a series goes out just before the detector is idle again.
+        for (int i = 0; i < 500 && detector.status(never) != "idle"; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         detector.setNImages(images, never);
         detector.arm(never);
         detector.trigger(never);
@@ -86,51 +91,49 @@ TEST_F(SimulatedStream, RestControlOfTheStream)
 TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
 {
     start();
+    // Encoding and detail level are independent: each encoding meets one level.
     const struct {
         const char* encoding;
         const char* type;
         image::DCompression::FILTER filter;
-    } encodings[] = {
-        {"<", "uint32", image::DCompression::FILTER_NONE},
-        {"lz4<", "uint32", image::DCompression::FILTER_LZ4},
-        {"bs16-lz4<", "uint16", image::DCompression::FILTER_BS16_LZ4},
-        {"bs32-lz4<", "float32", image::DCompression::FILTER_BS32_LZ4},
-    };
-    const struct {
         const char* detail;
         bool configuration, flatfield;
-    } details[] = {{"none", false, false}, {"basic", true, false}, {"all", true, true}};
+    } cases[] = {
+        {"<", "uint32", image::DCompression::FILTER_NONE, "none", false, false},
+        {"lz4<", "uint32", image::DCompression::FILTER_LZ4, "basic", true, false},
+        {"bs16-lz4<", "uint16", image::DCompression::FILTER_BS16_LZ4, "all", true, true},
+        {"bs32-lz4<", "float32", image::DCompression::FILTER_BS32_LZ4, "none", false, false},
+    };
     std::uint64_t series = 0;
-    for (const auto& e : encodings)
-        for (const auto& d : details) {
-            SCOPED_TRACE(std::string(e.encoding) + " " + d.detail);
-            setting("encoding", e.encoding);
-            setting("pixel_type", e.type);
-            rest->setHeaderDetail(d.detail, never);
-            acquire(3);
-            const DStreamObject header = pop();
-            ASSERT_EQ(header.type(), DStreamObject::CONFIG);
-            EXPECT_GT(header.config().seriesId(), series);
-            series = header.config().seriesId();
-            const nexus::DNeXusTree tree = header.config().config();
-            const std::string flatfield = "/entry/instrument/detector/detectorSpecific/flatfield";
-            EXPECT_EQ(tree.size() > 1, d.configuration);
-            if (d.configuration) {
-                EXPECT_EQ(tree.at(flatfield).asData().data().size(), d.flatfield ? 64u * 48u : 0u);
-            }
-            for (unsigned frame = 1; frame <= 3; ++frame) {
-                const DStreamObject image = pop();
-                ASSERT_EQ(image.type(), DStreamObject::DATA);
-                EXPECT_EQ(image.data().imageId(), frame);
-                EXPECT_EQ(image.data().data().filter(), e.filter);
-                const DImage sent = demo::diffractionFrame(64, 48, 6 + frame);
-                const DImage expected = std::string(e.type) == "uint16"    ? sent.asType<unsigned short>()
-                                        : std::string(e.type) == "float32" ? sent.asType<float>()
-                                                                           : sent.asType<unsigned int>();
-                EXPECT_TRUE(pixels(DImage(image.data().data())) == pixels(expected));
-            }
-            EXPECT_EQ(pop().end().seriesId(), series);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.encoding) + " " + c.detail);
+        setting("encoding", c.encoding);
+        setting("pixel_type", c.type);
+        rest->setHeaderDetail(c.detail, never);
+        acquire(3);
+        const DStreamObject header = pop();
+        ASSERT_EQ(header.type(), DStreamObject::CONFIG);
+        EXPECT_GT(header.config().seriesId(), series);
+        series = header.config().seriesId();
+        const nexus::DNeXusTree tree = header.config().config();
+        const std::string flatfield = "/entry/instrument/detector/detectorSpecific/flatfield";
+        EXPECT_EQ(tree.size() > 1, c.configuration);
+        if (c.configuration) {
+            EXPECT_EQ(tree.at(flatfield).asData().data().size(), c.flatfield ? 64u * 48u : 0u);
         }
+        for (unsigned frame = 1; frame <= 3; ++frame) {
+            const DStreamObject image = pop();
+            ASSERT_EQ(image.type(), DStreamObject::DATA);
+            EXPECT_EQ(image.data().imageId(), frame);
+            EXPECT_EQ(image.data().data().filter(), c.filter);
+            const DImage sent = demo::diffractionFrame(64, 48, 6 + frame);
+            const DImage expected = std::string(c.type) == "uint16"    ? sent.asType<unsigned short>()
+                                    : std::string(c.type) == "float32" ? sent.asType<float>()
+                                                                       : sent.asType<unsigned int>();
+            EXPECT_TRUE(pixels(DImage(image.data().data())) == pixels(expected));
+        }
+        EXPECT_EQ(pop().end().seriesId(), series);
+    }
 }
 
 TEST_F(SimulatedStream, FaultKnobs)
