@@ -150,20 +150,17 @@ DImage diffractionFrame(int width, int height, unsigned seed)
                 }
         }
 
-    // The beam stop: a disc on the centre, held by an arm that runs to the right edge.
+    // The beam stop, applied while sampling: a disc on the centre, held by an arm that runs
+    // to the right edge.
     const double stop = 48.0 * scale, arm = 9.0 * scale;
+    const std::vector<std::uint8_t> gaps = gapMap(width, height);
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
+            const std::size_t i = static_cast<std::size_t>(y) * width + x;
             const double dx = x - cx, dy = y - cy;
             const bool shadow = dx * dx + dy * dy < stop * stop || (dx > 0 && std::abs(dy - 0.12 * dx) < arm);
-            const std::size_t i = static_cast<std::size_t>(y) * width + x;
-            if (shadow)
-                expected[i] *= 0.01;
+            out[i] = gaps[i] ? -1 : poisson(shadow ? 0.01 * expected[i] : expected[i]);
         }
-
-    const std::vector<std::uint8_t> gaps = gapMap(width, height);
-    for (std::size_t i = 0; i < n; ++i)
-        out[i] = gaps[i] ? -1 : poisson(expected[i]);
     // Defective pixels: the detector reports them as -2.
     for (int k = 0; k < 40; ++k) {
         const std::size_t i = static_cast<std::size_t>(poisson.uniform() * static_cast<double>(n));

@@ -220,32 +220,27 @@ TEST(Hdf5Writer, EveryFilterAndBothModesReadBackHereAndInH5py)
 TEST(Hdf5Writer, ASeriesCopiesAsStoredChunksAndH5pyReadsTheCopy)
 {
     norvexa_test::TempDir dir;
-    const std::string source = (dir.path() / "source.h5").string(), copy = (dir.path() / "copy.h5").string();
-    constexpr int count = 100;
     for (const DCompression::FILTER filter : {DCompression::FILTER_BS32_LZ4, DCompression::FILTER_NONE}) {
         SCOPED_TRACE(filter);
+        const std::string base = (dir.path() / ("f" + std::to_string(static_cast<int>(filter) + 1))).string();
         {
-            DHdf5Writer writer(source, 30, header(), filter);
-            for (int number = 1; number <= count; ++number)
+            DHdf5Writer writer(base + ".h5", 30, header(), filter);
+            for (int number = 1; number <= 100; ++number)
                 writer.write(numbered(number));
         }
-        const DHdf5Iterator series((dir.path() / "source_master.h5").string());
+        const DHdf5Iterator series(base + "_master.h5");
         {
-            DHdf5Writer writer(copy, 40, series.neXus(), filter);
+            DHdf5Writer writer(base + "_copy.h5", 40, series.neXus(), filter);
             for (int number = series.first(); number <= series.last(); ++number) {
                 DHdf5Iterator::StoredImage stored = series.storedImage(number);
                 // Compressed series hand out their chunks; plain ones fall back to pixels.
                 ASSERT_EQ(stored.pixels.filter(), filter);
                 EXPECT_EQ(stored.metadata.neXusIndex(), number);
-                if (number == 7) {
-                    const DImage decoded(Image(stored.pixels), DImageOptionalData(stored.metadata));
-                    EXPECT_EQ(md5(decoded), md5(series[number]));
-                    EXPECT_EQ(*decoded.optionalData().imageDescription(), *series[number].optionalData().imageDescription());
-                }
                 writer.write(stored.pixels);
             }
         }
-        const auto [status, output] = runH5py((dir.path() / "copy_master.h5").string());
+        EXPECT_EQ(md5(DImage(series.storedImage(7).pixels)), md5(numbered(7)));
+        const auto [status, output] = runH5py(base + "_copy_master.h5");
         if (status == 77) {
             GTEST_SKIP() << output;
         }
@@ -254,7 +249,5 @@ TEST(Hdf5Writer, ASeriesCopiesAsStoredChunksAndH5pyReadsTheCopy)
             const std::string line = "image " + std::to_string(number) + " uint32 17x23 " + md5(numbered(number)) + "\n";
             EXPECT_NE(output.find(line), std::string::npos) << line << output;
         }
-        fs::remove_all(dir.path());
-        fs::create_directories(dir.path());
     }
 }
