@@ -105,6 +105,18 @@ private:
     pid_t _pid = -1;
 };
 
+/// A peer that opens `queue`, does `step` and notifies, then stays until it is killed.
+Peer holding(const char* queue, const std::function<void(DMessageQueue&)>& step)
+{
+    return Peer([=](Peer& self) {
+        DMessageQueue q(queue);
+        step(q);
+        self.notify();
+        ::pause();
+        return 0;
+    });
+}
+
 /// Each test gets a queue name of its own; its shared objects and lock files go at the end.
 class MessageQueue : public ::testing::Test {
 protected:
@@ -243,13 +255,7 @@ TEST_F(MessageQueue, EveryOperationNeedsAnOpenQueue)
     expectNotOpen(closed, "DMessageQueue  is not open.");
 
     // A sub side that finds no objects (its main lost them) fails to open, and keeps the name.
-    Peer owner([&](Peer& self) {
-        DMessageQueue q(queue);
-        removeSharedObjects();
-        self.notify();
-        ::pause();
-        return 0;
-    });
+    Peer owner = holding(queue, [](DMessageQueue&) { removeSharedObjects(); });
     ASSERT_TRUE(owner.notified(kSeconds * 1000));
     DMessageQueue orphan;
     EXPECT_THROW_MSG(orphan.open(queue), DMessageQueueException, std::strerror(ENOENT));
@@ -276,13 +282,9 @@ TEST_F(MessageQueue, RolesFollowTheOrderOfOpeningAndOutliveAKilledMain)
     EXPECT_TRUE(fs::exists(gNames[5]) && fs::exists(gNames[6])) << "lock files stay";
 
     // The next opener is main again; killed, it leaves a text and an occupied slot behind.
-    Peer killed([&](Peer& self) {
-        DMessageQueue q(queue);
+    Peer killed = holding(queue, [](DMessageQueue& q) {
         q.send("stale");
         q.send(pixels(3, 1));
-        self.notify();
-        ::pause();
-        return 0;
     });
     ASSERT_TRUE(killed.notified(kSeconds * 1000));
     EXPECT_EQ(objectSize(2), 4096) << "made anew by the next opener";
