@@ -144,8 +144,9 @@ protected:
     const char* queue = name.c_str();
 };
 
-/// Pixels, every node of the metadata with its value and attributes, and what lies beside the tree.
-std::string fingerprint(const DImage& image)
+/// A hash of the pixels, every node of the metadata with its value and attributes, and
+/// what lies beside the tree: short enough to come back as a text.
+std::string digest(const DImage& image)
 {
     std::ostringstream out;
     auto value = [&](const DBasicImage& v) {
@@ -168,7 +169,7 @@ std::string fingerprint(const DImage& image)
     const auto& m = image.optionalData();
     out << m.imageDescription().value_or("-") << m.rawHeader().value_or("-")
         << m.rotation_angle().value_or(-1) << m.rotation_angle_step().value_or(-1) << m.neXusIndex();
-    return out.str();
+    return std::to_string(std::hash<std::string>()(out.str()));
 }
 
 DStdDrawingList spots(int count)
@@ -200,11 +201,6 @@ DArray<DPixel> pixels(std::size_t count, int seed)
     for (std::size_t i = 0; i < count; ++i)
         array.pushBack(DPixel{static_cast<std::int32_t>(i), seed, 0.5 * static_cast<double>(i)});
     return array;
-}
-
-std::string digest(const DImage& image)
-{
-    return std::to_string(std::hash<std::string>()(fingerprint(image)));
 }
 
 /// Answers what arrives, in the order of `kinds`: an i(mage) by its
