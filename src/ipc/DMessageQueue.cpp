@@ -165,27 +165,23 @@ void DMessageQueuePrivate::sendObject(const Data& data)
         while (condition.flag == 0)
             condition.condition.wait(lock);
         condition.flag = 0;
-        std::size_t size = Crossing<Data>::firstSize(data);
-        for (;;) {
+        for (std::size_t size = Crossing<Data>::firstSize(data);; size += kSegmentGrowth) {
             // A segment left by an earlier message is taken as it is, whatever its size.
             ShmSegment messageData(bip::open_or_create, dataOutName.c_str(), size, nullptr,
                                    bip::permissions(kPermissions));
             try {
                 const ShmAllocator allocator(messageData.get_segment_manager());
                 messageData.construct<ShmData>(typeid(Data).name())(data, allocator);
+                break;
             } catch (const bip::bad_alloc&) {
                 // The receiver opens the segment anew for each message, so a bigger one
                 // under the same name is found.
                 bip::shared_memory_object::remove(dataOutName.c_str());
-                size += kSegmentGrowth;
-                continue;
             }
-            NORVEXA_ASSERT(messageData.find<ShmData>(typeid(Data).name()).first, "send");
-            // All waiters: another sending thread of this process may wait on the same
-            // condition, and must not take the wake-up that is meant for the receiver.
-            condition.condition.notify_all();
-            return;
         }
+        // All waiters: another sending thread of this process may wait on the same
+        // condition, and must not take the wake-up that is meant for the receiver.
+        condition.condition.notify_all();
     } catch (const bip::interprocess_exception& e) {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
         bip::shared_memory_object::remove(dataOutName.c_str());

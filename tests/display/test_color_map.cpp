@@ -248,29 +248,27 @@ TEST(ColorMap, LegendRowsAndTicks)
 TEST(ColorMap, ScaleHelpersAgainstHandWorkedCases)
 {
     double lo = 0, hi = 0, step = 0;
+    const auto expectScale = [&](double low, double high, double size) {
+        EXPECT_DOUBLE_EQ(lo, low);
+        EXPECT_DOUBLE_EQ(hi, high);
+        EXPECT_DOUBLE_EQ(step, size);
+    };
     // b = 2 reaches the first threshold: steps of 1 x 10.
     EXPECT_EQ(scale_463_1(0, 100, 5, lo, hi, step), 10);
-    EXPECT_DOUBLE_EQ(lo, 0);
-    EXPECT_DOUBLE_EQ(hi, 100);
-    EXPECT_DOUBLE_EQ(step, 10);
+    expectScale(0, 100, 10);
     // b = 1.2 reaches none: the walk runs to 10 x 1 (the published one takes 1).
     EXPECT_EQ(scale_463_1(0, 12, 10, lo, hi, step), 2);
-    EXPECT_DOUBLE_EQ(step, 10);
-    EXPECT_DOUBLE_EQ(hi, 20);
+    expectScale(0, 20, 10);
     // A minimum pushed just above lower by the tolerance is clamped back to it.
     EXPECT_EQ(scale_463_1(9.99999999999999, 97, 5, lo, hi, step), 10);
     EXPECT_DOUBLE_EQ(lo, 9.99999999999999);
 
     // Steps of 10 give 10 intervals, too many; 20 give 5. The maximum gets n steps added.
     scale_463_2(0, 100, 5, lo, hi, step);
-    EXPECT_DOUBLE_EQ(lo, 0);
-    EXPECT_DOUBLE_EQ(hi, 200);
-    EXPECT_DOUBLE_EQ(step, 20);
+    expectScale(0, 200, 20);
     // b = 1 walks to 10 x 10: one interval, the minimum lowered by (5 - 1) / 2 steps.
     scale_463_2(0, 50, 5, lo, hi, step);
-    EXPECT_DOUBLE_EQ(lo, -200);
-    EXPECT_DOUBLE_EQ(hi, 600);
-    EXPECT_DOUBLE_EQ(step, 100);
+    expectScale(-200, 600, 100);
 
     // Decades 2 to 4 in 7: thirds of a decade give 6 steps; the maximum's logarithm is
     // 12 + 1/3 (a sum), plus 7 thirds.

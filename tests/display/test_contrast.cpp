@@ -12,24 +12,15 @@ using namespace norvexa::imglib;
 
 namespace {
 
-// Left half 1000, right half 10: two smooth regions, the boundary dropped as a jump.
-DImage twoLevels()
-{
-    DImage frame(200, 200, 10);
-    for (int y = 0; y < 200; ++y)
-        for (int x = 0; x < 100; ++x)
-            frame.setPixel<int>(x, y, 1000);
-    return frame;
-}
-
+// `left` over the left half, `right` over the rest.
 template <class T>
-DImage leftHalfMask(T value)
+DImage halves(T left, T right)
 {
-    DImage mask(200, 200, T(0));
+    DImage image(200, 200, right);
     for (int y = 0; y < 200; ++y)
         for (int x = 0; x < 100; ++x)
-            mask.setPixel<T>(x, y, value);
-    return mask;
+            image.setPixel<T>(x, y, left);
+    return image;
 }
 
 } // namespace
@@ -70,7 +61,8 @@ TEST(Contrast, BackgroundStatisticsAreReproducible)
 
 TEST(Contrast, MasksExcludeByTheirKind)
 {
-    const DImage frame = twoLevels();
+    // Two smooth regions, the boundary dropped as a jump.
+    const DImage frame = halves(1000, 10);
     const DContrast contrast(1, 5000);
     double high = 0, low = 0;
     const auto backgroundOnly = [&](const DImage* mask, const std::string& label) {
@@ -84,9 +76,9 @@ TEST(Contrast, MasksExcludeByTheirKind)
         contrast(high, low, frame, mask);
         EXPECT_GT(high, 900);
     };
-    const DImage defective = leftHalfMask<int>(2), negative = leftHalfMask<short>(-4),
-                 bit5 = leftHalfMask<unsigned int>(32), flag = leftHalfMask<bool>(true),
-                 floating = leftHalfMask<double>(32), shortMask(200, 199, 2);
+    const DImage defective = halves<int>(2, 0), negative = halves<short>(-4, 0),
+                 bit5 = halves<unsigned int>(32, 0), flag = halves<bool>(true, 0),
+                 floating = halves<double>(32, 0), shortMask(200, 199, 2);
     backgroundOnly(&defective, "int 2");
     backgroundOnly(&negative, "short -4");
     backgroundOnly(&flag, "bool");

@@ -105,6 +105,18 @@ private:
     pid_t _pid = -1;
 };
 
+/// A peer that opens `queue`, does `step` and notifies, then stays until it is killed.
+Peer holding(const char* queue, const std::function<void(DMessageQueue&)>& step)
+{
+    return Peer([=](Peer& self) {
+        DMessageQueue q(queue);
+        step(q);
+        self.notify();
+        ::pause();
+        return 0;
+    });
+}
+
 /// Each test gets a queue name of its own; its shared objects and lock files go at the end.
 class MessageQueue : public ::testing::Test {
 protected:
@@ -132,8 +144,9 @@ protected:
     const char* queue = name.c_str();
 };
 
-/// Pixels, every node of the metadata with its value and attributes, and what lies beside the tree.
-std::string fingerprint(const DImage& image)
+/// A hash of the pixels, every node of the metadata with its value and attributes, and
+/// what lies beside the tree: short enough to come back as a text.
+std::string digest(const DImage& image)
 {
     std::ostringstream out;
     auto value = [&](const DBasicImage& v) {
@@ -156,7 +169,7 @@ std::string fingerprint(const DImage& image)
     const auto& m = image.optionalData();
     out << m.imageDescription().value_or("-") << m.rawHeader().value_or("-")
         << m.rotation_angle().value_or(-1) << m.rotation_angle_step().value_or(-1) << m.neXusIndex();
-    return out.str();
+    return std::to_string(std::hash<std::string>()(out.str()));
 }
 
 DStdDrawingList spots(int count)
@@ -188,11 +201,6 @@ DArray<DPixel> pixels(std::size_t count, int seed)
     for (std::size_t i = 0; i < count; ++i)
         array.pushBack(DPixel{static_cast<std::int32_t>(i), seed, 0.5 * static_cast<double>(i)});
     return array;
-}
-
-std::string digest(const DImage& image)
-{
-    return std::to_string(std::hash<std::string>()(fingerprint(image)));
 }
 
 /// Answers what arrives, in the order of `kinds`: an i(mage) by its
@@ -243,13 +251,7 @@ TEST_F(MessageQueue, EveryOperationNeedsAnOpenQueue)
     expectNotOpen(closed, "DMessageQueue  is not open.");
 
     // A sub side that finds no objects (its main lost them) fails to open, and keeps the name.
-    Peer owner([&](Peer& self) {
-        DMessageQueue q(queue);
-        removeSharedObjects();
-        self.notify();
-        ::pause();
-        return 0;
-    });
+    Peer owner = holding(queue, [](DMessageQueue&) { removeSharedObjects(); });
     ASSERT_TRUE(owner.notified(kSeconds * 1000));
     DMessageQueue orphan;
     EXPECT_THROW_MSG(orphan.open(queue), DMessageQueueException, std::strerror(ENOENT));
@@ -276,13 +278,9 @@ TEST_F(MessageQueue, RolesFollowTheOrderOfOpeningAndOutliveAKilledMain)
     EXPECT_TRUE(fs::exists(gNames[5]) && fs::exists(gNames[6])) << "lock files stay";
 
     // The next opener is main again; killed, it leaves a text and an occupied slot behind.
-    Peer killed([&](Peer& self) {
-        DMessageQueue q(queue);
+    Peer killed = holding(queue, [](DMessageQueue& q) {
         q.send("stale");
         q.send(pixels(3, 1));
-        self.notify();
-        ::pause();
-        return 0;
     });
     ASSERT_TRUE(killed.notified(kSeconds * 1000));
     EXPECT_EQ(objectSize(2), 4096) << "made anew by the next opener";
