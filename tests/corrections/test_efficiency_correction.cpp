@@ -47,7 +47,7 @@ float storedFactor(const DImage& corrected, int index)
 std::vector<char> corrected(DEfficiencyCorrection& correction, DImage image, const DImage& mask)
 {
     correction.correctImage(image, mask);
-    return std::vector<char>(image.cdata(), image.cdata() + image.size() * 8);
+    return norvexa_test::pixelBytes(image);
 }
 
 TEST(EfficiencyCorrection, ValidatesInOrderWithItsTexts)
@@ -132,7 +132,6 @@ TEST(EfficiencyCorrection, ReusesFactorsWithinTolerances)
     DImage masked(kWidth, kHeight, 1u);
     EXPECT_EQ(corrected(correction, ones(1.0005f), masked), first) << "a new mask alone doesn't rebuild";
     EXPECT_EQ(corrected(correction, ones(1.002f), mask), fresh(1.002f)) << "beyond 0.001: rebuilt";
-
 }
 
 TEST(EfficiencyCorrection, AlreadyAppliedLeavesTheImage)

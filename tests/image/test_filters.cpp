@@ -218,21 +218,6 @@ TYPED_TEST(FilterPerType, StatisticsEqualThePlainDefinitions)
         }
 }
 
-TEST(Filters, VarianceSecondPassIgnoresTheMask)
-{
-    // The variance's second pass sees an excluded neighbour that its mean left out.
-    DImage uniform(3, 3, 5);
-    EXPECT_EQ(uniform.varianceFilter(3, 3, nullptr).pixel<int>(0, 0, -1), 0);
-    uniform.setPixel<int>(0, 0, 50);
-    DImage mask(3, 3, 0);
-    mask.setPixel<int>(0, 0, 1);
-    const DImage variance = uniform.varianceFilter(3, 3, &mask);
-    EXPECT_EQ(variance.pixel<int>(0, 0, -1), 0);
-    EXPECT_EQ(variance.pixel<int>(1, 1, -1), (45 * 45) / 7);
-    EXPECT_EQ(uniform.meanFilter(3, 3, &mask).pixel<int>(0, 0, -1), 0);
-    EXPECT_EQ(uniform.medianFilter(3, 3, &mask).pixel<int>(0, 0, -1), 0);
-}
-
 TEST(Filters, FailuresInTheirOrder)
 {
     const DImage frame(4, 3, 1.0);

@@ -13,43 +13,24 @@ namespace {
 using kernels::Image;
 using kernels::Stored;
 
-template <class P>
-Stored<P> storedValue(P value)
-{
-    if constexpr (std::is_same_v<P, bool>)
-        return value ? 1 : 0;
-    else
-        return value;
-}
-
 template <bool LessThan, class T>
 void cut(Image& image, const T& limit)
 {
     kernels::dispatchPixels(image, [&](auto tag) {
         using P = typename decltype(tag)::type;
         using C = decltype(P() + T());
-        const Stored<P> stored = storedValue(kernels::convert<P>(limit));
+        const Stored<P> stored = kernels::valueOf<P>(kernels::convert<P>(limit));
         const C bound = static_cast<C>(limit);
         Stored<P>* p = kernels::pixelsOf<P>(image);
         const std::size_t n = image.size();
         for (std::size_t i = 0; i < n; ++i) {
-            const C pixel = static_cast<C>(std::is_same_v<P, bool> ? p[i] != 0 : p[i]);
+            const C pixel = static_cast<C>(kernels::loadPixel<P>(p[i]));
             if (LessThan ? pixel < bound : pixel > bound)
                 p[i] = stored;
         }
     });
 }
 
-void testSliceOf(const Image& image, int x0, int dx, int nx, int y0, int dy, int ny)
-{
-    const long long xEnd = x0 + static_cast<long long>(dx) * nx;
-    const long long yEnd = y0 + static_cast<long long>(dy) * ny;
-    const int width = kernels::widthOf(image);
-    const int height = kernels::heightOf(image);
-    if (x0 < 0 || x0 >= width || xEnd < -1 || xEnd > width || y0 < 0 || y0 >= height ||
-        yEnd < -1 || yEnd > height)
-        throw DOutOfRangeException("Slicing parameters outside image borders");
-}
 } // namespace
 
 template <class T>
@@ -66,7 +47,7 @@ void DImage::fill(const T& value, const DRect* rect, const DImage* mask)
         const DRect r = kernels::region(_imageData, rect);
         if (r.width() <= 0 || r.height() <= 0)
             return;
-        const Stored<P> stored = storedValue(kernels::convert<P>(value));
+        const Stored<P> stored = kernels::valueOf<P>(kernels::convert<P>(value));
         const std::size_t w = static_cast<std::size_t>(width());
         std::vector<std::uint8_t> excluded(mask ? static_cast<std::size_t>(r.width()) : 0);
         for (int y = r.top(); y < r.bottom(); ++y) {
@@ -87,23 +68,13 @@ void DImage::fill(const T& value, const DRect* rect, const DImage* mask)
 template <class T>
 void DImage::sliceFill(const T& value, int x0, int dx, int nx, int y0, int dy, int ny)
 {
-    testSliceOf(_imageData, x0, dx, nx, y0, dy, ny);
+    kernels::requireSlice(width(), height(), x0, dx, nx, y0, dy, ny);
     kernels::dispatchPixels(_imageData, [&](auto tag) {
         using P = typename decltype(tag)::type;
-        const Stored<P> stored = storedValue(kernels::convert<P>(value));
-        const long long w = width();
-        const long long h = height();
+        const Stored<P> stored = kernels::valueOf<P>(kernels::convert<P>(value));
         Stored<P>* out = kernels::pixelsOf<P>(_imageData);
-        for (int j = 0; j < ny; ++j) {
-            const long long y = y0 + static_cast<long long>(dy) * j;
-            if (y < 0 || y >= h)
-                continue;
-            for (int i = 0; i < nx; ++i) {
-                const long long x = x0 + static_cast<long long>(dx) * i;
-                if (x >= 0 && x < w)
-                    out[y * w + x] = stored;
-            }
-        }
+        kernels::forEachSlicePixel(width(), x0, dx, nx, y0, dy, ny,
+                                   [&](std::size_t, std::size_t at) { out[at] = stored; });
     });
 }
 

@@ -15,15 +15,6 @@ namespace {
 using kernels::Image;
 using kernels::Stored;
 
-template <class P>
-P loadPixel(Stored<P> v)
-{
-    if constexpr (std::is_same_v<P, bool>)
-        return v != 0;
-    else
-        return v;
-}
-
 /// int, long long, float and double images keep their type; all others give int.
 template <class P>
 using InverseType = std::conditional_t<
@@ -46,7 +37,7 @@ DImage DImage::createMask(T low, T high, bool inside) const
         const C hi = static_cast<C>(high);
         const std::size_t n = size();
         for (std::size_t i = 0; i < n; ++i) {
-            const C v = static_cast<C>(loadPixel<P>(in[i]));
+            const C v = static_cast<C>(kernels::loadPixel<P>(in[i]));
             const bool within = lo <= v && v <= hi;
             out[i] = inside ? within : (v > hi || v < lo);
         }
@@ -83,7 +74,7 @@ void DImage::numberOfPixelsInInterval(int& below, int& inside, int& above, T a, 
             for (int x = 0; x < r.width(); ++x) {
                 if (excluded[x])
                     continue;
-                const C v = static_cast<C>(loadPixel<P>(row[x]));
+                const C v = static_cast<C>(kernels::loadPixel<P>(row[x]));
                 ++counts[(v < ca && v < cb) ? 0 : (v <= ca || v <= cb) ? 1 : 2];
             }
         }
@@ -111,7 +102,7 @@ DImage DImage::inverse(T numerator) const
         O* out = reinterpret_cast<O*>(result.data());
         const std::size_t n = size();
         for (std::size_t i = 0; i < n; ++i) {
-            const P p = loadPixel<P>(in[i]);
+            const P p = kernels::loadPixel<P>(in[i]);
             if (absNumerator >= std::fabs(static_cast<double>(p)) * limit)
                 out[i] = O(0);
             else

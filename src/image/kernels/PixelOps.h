@@ -95,6 +95,42 @@ inline Stored<P> valueOf(Stored<P> v)
         return v;
 }
 
+/// A stored pixel as its pixel type: BOOL bytes as false or true.
+template <class P>
+inline P loadPixel(Stored<P> v)
+{
+    if constexpr (std::is_same_v<P, bool>)
+        return v != 0;
+    else
+        return v;
+}
+
+/// DOutOfRangeException "Slicing parameters outside image borders" unless the slice
+/// starts inside the frame and ends (exclusively) no further than one position beyond
+/// either edge. Computed wide so that no product overflows.
+inline void requireSlice(int width, int height, int x0, int dx, int nx, int y0, int dy, int ny)
+{
+    const long long xEnd = x0 + static_cast<long long>(dx) * nx;
+    const long long yEnd = y0 + static_cast<long long>(dy) * ny;
+    if (x0 < 0 || x0 >= width || xEnd < -1 || xEnd > width || y0 < 0 || y0 >= height ||
+        yEnd < -1 || yEnd > height)
+        throw DOutOfRangeException("Slicing parameters outside image borders");
+}
+
+/// `f(sliceIndex, frameIndex)` for each slice position, row by row. A slice that passed
+/// requireSlice lies inside the frame at every position (the steps are linear and both
+/// ends are in range), so no pixel is bounds-checked; a count of zero or less walks nothing.
+template <class F>
+inline void forEachSlicePixel(int width, int x0, int dx, int nx, int y0, int dy, int ny, F&& f)
+{
+    for (int j = 0; j < ny; ++j) {
+        const std::size_t row = static_cast<std::size_t>(y0 + static_cast<long long>(dy) * j) * width;
+        const std::size_t sliceRow = static_cast<std::size_t>(j) * nx;
+        for (int i = 0; i < nx; ++i)
+            f(sliceRow + i, row + static_cast<std::size_t>(x0 + static_cast<long long>(dx) * i));
+    }
+}
+
 /// A new width x height image of the pixel type of T, cleared to zero bytes.
 template <class T>
 Image zeroImage(int width, int height)

@@ -37,17 +37,6 @@ namespace imglib {
 namespace {
 using kernels::Image;
 
-/// The slice must start inside the frame and end (exclusively) no further than one
-/// position beyond either edge. Computed wide so that no product overflows.
-void testSlice(int width, int height, int x0, int dx, int nx, int y0, int dy, int ny)
-{
-    const long long xEnd = x0 + static_cast<long long>(dx) * nx;
-    const long long yEnd = y0 + static_cast<long long>(dy) * ny;
-    if (x0 < 0 || x0 >= width || xEnd < -1 || xEnd > width || y0 < 0 || y0 >= height ||
-        yEnd < -1 || yEnd > height)
-        throw DOutOfRangeException("Slicing parameters outside image borders");
-}
-
 Image extractPixels(const Image& image, const DRect* rect)
 {
     return kernels::dispatchPixels(image, [&](auto tag) -> Image {
@@ -72,7 +61,7 @@ Image slicePixels(const Image& image, int x0, int dx, int nx, int y0, int dy, in
 {
     const int width = kernels::widthOf(image);
     const int height = kernels::heightOf(image);
-    testSlice(width, height, x0, dx, nx, y0, dy, ny);
+    kernels::requireSlice(width, height, x0, dx, nx, y0, dy, ny);
     return kernels::dispatchPixels(image, [&](auto tag) -> Image {
         using T = typename decltype(tag)::type;
         // A negative count passes the bounds test with a step of the other sign; it
@@ -80,27 +69,10 @@ Image slicePixels(const Image& image, int x0, int dx, int nx, int y0, int dy, in
         Image result = kernels::zeroImage<T>(std::max(nx, 0), std::max(ny, 0));
         const T* in = reinterpret_cast<const T*>(image.cdata());
         T* out = reinterpret_cast<T*>(result.data());
-        for (int j = 0; j < ny; ++j) {
-            const long long y = y0 + static_cast<long long>(dy) * j;
-            if (y < 0 || y >= height)
-                continue;
-            for (int i = 0; i < nx; ++i) {
-                const long long x = x0 + static_cast<long long>(dx) * i;
-                if (x >= 0 && x < width)
-                    out[static_cast<std::size_t>(j) * nx + i] = in[y * width + x];
-            }
-        }
+        kernels::forEachSlicePixel(width, x0, dx, nx, y0, dy, ny,
+                                   [&](std::size_t at, std::size_t from) { out[at] = in[from]; });
         return result;
     });
-}
-
-template <class T>
-T load(kernels::Stored<T> v)
-{
-    if constexpr (std::is_same_v<T, bool>)
-        return v != 0;
-    else
-        return v;
 }
 
 /// The cut of one image by another: LessThan raises pixels to the limits (lowCut),
@@ -117,10 +89,10 @@ struct CutImage {
         const kernels::Stored<R>* l = kernels::pixelsOf<R>(limits);
         const std::size_t n = image.size();
         for (std::size_t i = 0; i < n; ++i) {
-            const C pixel = static_cast<C>(load<L>(p[i]));
-            const C limit = static_cast<C>(load<R>(l[i]));
+            const C pixel = static_cast<C>(kernels::loadPixel<L>(p[i]));
+            const C limit = static_cast<C>(kernels::loadPixel<R>(l[i]));
             if (LessThan ? pixel < limit : pixel > limit)
-                p[i] = kernels::convert<L>(load<R>(l[i]));
+                p[i] = kernels::convert<L>(kernels::loadPixel<R>(l[i]));
         }
     }
 };
@@ -131,23 +103,12 @@ struct SliceFill {
     template <class L, class R>
     void fire(Image& target, const Image& source) const
     {
-        const long long width = kernels::widthOf(target);
-        const long long height = kernels::heightOf(target);
-        const int nx = kernels::widthOf(source);
-        const int ny = kernels::heightOf(source);
-        kernels::Stored<L>* out = kernels::pixelsOf<L>(target);
         const kernels::Stored<R>* in = kernels::pixelsOf<R>(source);
-        for (int j = 0; j < ny; ++j) {
-            const long long y = y0 + static_cast<long long>(dy) * j;
-            if (y < 0 || y >= height)
-                continue;
-            for (int i = 0; i < nx; ++i) {
-                const long long x = x0 + static_cast<long long>(dx) * i;
-                if (x >= 0 && x < width)
-                    out[y * width + x] =
-                        kernels::convert<L>(load<R>(in[static_cast<std::size_t>(j) * nx + i]));
-            }
-        }
+        kernels::Stored<L>* out = kernels::pixelsOf<L>(target);
+        kernels::forEachSlicePixel(kernels::widthOf(target), x0, dx, kernels::widthOf(source), y0, dy,
+                                   kernels::heightOf(source), [&](std::size_t from, std::size_t at) {
+                                       out[at] = kernels::convert<L>(kernels::loadPixel<R>(in[from]));
+                                   });
     }
 };
 } // namespace
@@ -170,7 +131,7 @@ DImage DImage::sliceExtract(int x0, int dx, int nx, int y0, int dy, int ny) cons
 
 void DImage::sliceFill(const DImage& source, int x0, int dx, int y0, int dy)
 {
-    testSlice(width(), height(), x0, dx, source.width(), y0, dy, source.height());
+    kernels::requireSlice(width(), height(), x0, dx, source.width(), y0, dy, source.height());
     datatypes::PixelDispatcher<SliceFill, Image, const Image, void>::Go(
         _imageData, source._imageData, SliceFill{x0, dx, y0, dy});
 }
