@@ -5,9 +5,9 @@
 #include "FileArea.h"
 #include "MonitorBuffer.h"
 #include "SimulatedFrame.h"
+#include "orviktools.h"
 
 #include <httplib.h>
-#include <json/reader.h>
 #include <json/writer.h>
 
 #include <atomic>
@@ -37,18 +37,6 @@ std::string jsonText(const Json::Value& value)
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     return Json::writeString(writer, value);
-}
-
-bool parseJson(const std::string& text, Json::Value& root)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
-    } catch (const std::exception&) {
-        return false;
-    }
 }
 
 /// A body in memory, replacing whatever the answer had, a streamed body included.
@@ -311,7 +299,7 @@ void SimulatorServer::Private::putParameter(const Request& req, Response& res)
     if (!known(interface, version, res))
         return;
     Json::Value body;
-    if (!parseJson(req.body, body) || !body.isObject() || !body.isMember("value"))
+    if (!imglib::orviktools::parseJson(req.body, body) || !body.isObject() || !body.isMember("value"))
         return replyText(res, 400, "Expected a JSON object with the member \"value\"");
     if (interface == "detector" && !detector.acceptsConfiguration())
         return replyText(res, 400, "Configuration refused in state " + detector.state());
@@ -437,7 +425,7 @@ void SimulatorServer::Private::routes()
     });
     server.Put("/simulator/faults", [this](const Request& req, Response& res) {
         Json::Value f;
-        if (!parseJson(req.body, f) || !f.isObject())
+        if (!imglib::orviktools::parseJson(req.body, f) || !f.isObject())
             return replyText(res, 400, "Expected a JSON object");
         Fault fault;
         fault.pathPrefix = f.get("path_prefix", "").asString();

@@ -113,17 +113,7 @@ bool jsonToC(const Json::Value& value, std::tuple<int, int>& destination)
     return JsonToC<0, std::tuple<int, int>>::fire(value, destination);
 }
 
-namespace detail {
-
-const Json::Value* member(const Json::Value& root, const std::string& key)
-{
-    if (!root.isObject())
-        return nullptr;
-    const Json::Value* value = root.find(key.data(), key.data() + key.size());
-    return value && !value->isNull() ? value : nullptr;
-}
-
-bool parse(const std::string& text, Json::Value& root)
+bool parseJson(const std::string& text, Json::Value& root)
 {
     // The builder's defaults are the lenient reading of the classic reader, with comments
     // collected; deep nesting is refused by its stack limit.
@@ -136,6 +126,16 @@ bool parse(const std::string& text, Json::Value& root)
     } catch (const std::exception&) {
         return false;
     }
+}
+
+namespace detail {
+
+const Json::Value* member(const Json::Value& root, const std::string& key)
+{
+    if (!root.isObject())
+        return nullptr;
+    const Json::Value* value = root.find(key.data(), key.data() + key.size());
+    return value && !value->isNull() ? value : nullptr;
 }
 
 std::string getJsonText(const std::string& path, const DHttpClient& client,

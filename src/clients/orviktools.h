@@ -64,12 +64,14 @@ struct JsonToC {
 /// An array of at least two numbers, as for int.
 bool jsonToC(const Json::Value& value, std::tuple<int, int>& destination);
 
+/// Parses `text` into `root` with comments collected; false when `text` is no JSON or
+/// nests too deeply. Never throws.
+bool parseJson(const std::string& text, Json::Value& root);
+
 namespace detail {
 /// The member `key` of an object, or null when `root` is no object or the member is
 /// missing or JSON null.
 const Json::Value* member(const Json::Value& root, const std::string& key);
-/// Parses with comments collected; false when `text` is no JSON.
-bool parse(const std::string& text, Json::Value& root);
 /// The body of a successful GET of `path` that asked for JSON, as text.
 std::string getJsonText(const std::string& path, const DHttpClient& client,
                         const std::atomic<bool>& abort);
@@ -94,7 +96,7 @@ template <class... Pairs>
 bool parseJsonDict(const std::string& text, Pairs&&... pairs)
 {
     Json::Value root;
-    return detail::parse(text, root) && jsonDictAt(root, std::forward<Pairs>(pairs)...);
+    return parseJson(text, root) && jsonDictAt(root, std::forward<Pairs>(pairs)...);
 }
 
 /// GET `path` (asking for JSON) and fill the pairs of key and destination.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DHttpClient.h"
 #include "DHttpException.h"
 #include "SimulatorServer.h"
 #include "TestHelpers.h"
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -22,6 +24,17 @@ std::pair<int, std::string> httpFailure(Call call)
         return {e.status(), e.what()};
     }
     return {0, "accepted"};
+}
+
+/// `text` as the bytes of a query's body or reply.
+inline norvexa::image::DBasicImageData<norvexa::image::StdAllocator>
+httpBytes(const std::string& text)
+{
+    norvexa::image::DBasicImageData<norvexa::image::StdAllocator> data;
+    data.resize(text.size());
+    if (!text.empty())
+        std::memcpy(data.data(), text.data(), text.size());
+    return data;
 }
 
 /// A simulated detector server on a free port of 127.0.0.1 for each test, with small frames
@@ -62,6 +75,16 @@ protected:
     }
 
     void fault(norvexa::simulator::Fault f) { server->addFault(std::move(f)); }
+
+    /// The next request under `prefix` is answered with `body` instead.
+    void faultOnce(const std::string& prefix, const std::string& body)
+    {
+        norvexa::simulator::Fault f;
+        f.pathPrefix = prefix;
+        f.count = 1;
+        f.body = body;
+        fault(std::move(f));
+    }
 
     norvexa_test::TempDir files;
     std::unique_ptr<norvexa::simulator::SimulatorServer> server;

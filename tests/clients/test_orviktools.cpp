@@ -6,7 +6,6 @@
 
 #include "foundation/DException.h"
 
-#include <cstring>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -21,8 +20,7 @@ DHttpClient::QueryReturn reply(int status, const std::string& body)
 {
     DHttpClient::QueryReturn r;
     r.status = status;
-    r.data.resize(body.size());
-    std::memcpy(r.data.data(), body.data(), body.size());
+    r.data = httpBytes(body);
     return r;
 }
 

@@ -102,21 +102,13 @@ TEST_F(DetectorClientTest, RepliesOfTheWrongShape)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
-        Fault f;
-        f.pathPrefix = c.path;
-        f.count = 1;
-        f.body = c.body;
-        fault(f);
+        faultOnce(c.path, c.body);
         EXPECT_THROW_MSG(c.call(), DRuntimeException, "Error while parsing json string");
     }
     // The state resource answers under "value"; "state" is not there.
     EXPECT_EQ(detector.status(noAbort), "idle");
     EXPECT_THROW_MSG(detector.isError(noAbort), DRuntimeException, "Error while parsing json string");
-    Fault f;
-    f.pathPrefix = "/detector/api/1.0.0/status/state";
-    f.body = R"({"state": "normal"})";
-    f.count = 1;
-    fault(f);
+    faultOnce("/detector/api/1.0.0/status/state", R"({"state": "normal"})");
     EXPECT_FALSE(detector.isError(noAbort));
 }
 
@@ -272,11 +264,7 @@ TEST_F(DetectorClientTest, MonitorImages)
     detector.arm(noAbort);
     detector.trigger(noAbort);
     waitForIdle(detector, noAbort);
-    Fault f;
-    f.pathPrefix = "/monitor/api/1.0.0/images/";
-    f.body = "not a tiff";
-    f.count = 1;
-    fault(f);
+    faultOnce("/monitor/api/1.0.0/images/", "not a tiff");
     EXPECT_THROW(monitor.monitor(1000, noAbort), DImageCorruptedException);
     EXPECT_EQ(lastRequest().target, "/monitor/api/1.0.0/status/monitor_image_number");
 }
