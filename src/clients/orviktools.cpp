@@ -181,6 +181,17 @@ template void httpPutValue<double>(const std::string&, const DHttpClient&, const
 template void httpPutValue<std::string>(const std::string&, const DHttpClient&, const std::string&,
                                         const std::atomic<bool>&);
 
+bool httpGetEnabled(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort)
+{
+    return httpGetValue<std::string>(path, client, abort) == "enabled";
+}
+
+void httpPutEnabled(const std::string& path, const DHttpClient& client, bool enabled,
+                    const std::atomic<bool>& abort)
+{
+    httpPutValue<std::string>(path, client, enabled ? "enabled" : "disabled", abort);
+}
+
 void httpPut(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort)
 {
     const DHttpClient::QueryReturn reply = client.query(path, DHttpClient::Put, abort, {}, Data());

@@ -133,6 +133,12 @@ extern template void httpPutValue<double>(const std::string&, const DHttpClient&
 extern template void httpPutValue<std::string>(const std::string&, const DHttpClient&,
                                                const std::string&, const std::atomic<bool>&);
 
+/// The "mode" parameter at `path` of the monitor, file writer and stream interfaces:
+/// "enabled" reads as true, any other text as false; a write sends one of the two words.
+bool httpGetEnabled(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort);
+void httpPutEnabled(const std::string& path, const DHttpClient& client, bool enabled,
+                    const std::atomic<bool>& abort);
+
 /// A PUT without a body: how a detector is given a command.
 void httpPut(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort);
 

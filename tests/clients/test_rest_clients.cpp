@@ -74,7 +74,7 @@ TEST_F(DetectorClientTest, ParametersAndTheirLimits)
          "count_time: value 5000 out of range [1e-05, 3600]"},
         {"not allowed", [&] { detector.setTriggerMode("later", noAbort); }, 400,
          "trigger_mode: value later is not among the allowed values"},
-        {"fraction for a count", [&] { detector.setThresholdEnergy(-1, noAbort); }, 400,
+        {"below min", [&] { detector.setThresholdEnergy(-1, noAbort); }, 400,
          "threshold_energy: value -1 out of range [1000, 25000]"},
     };
     for (const Case& c : cases) {
