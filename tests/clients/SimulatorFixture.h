@@ -2,16 +2,19 @@
 
 #include "DHttpClient.h"
 #include "DHttpException.h"
+#include "DOrvikDetector.h"
 #include "SimulatorServer.h"
 #include "TestHelpers.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 /// The status and text of the DHttpException that `call` raises; {0, "accepted"} if none.
@@ -41,12 +44,16 @@ httpBytes(const std::string& text)
 /// and a fast frame time so that a series takes milliseconds.
 class SimulatorTest : public ::testing::Test {
 protected:
-    void SetUp() override
+    void SetUp() override { startServer(); }
+
+    /// Starts the server; a non-empty `streamMaster` is a file whose chunks the stream replays.
+    void startServer(const std::string& streamMaster = "")
     {
         norvexa::simulator::SimulatorOptions options;
         options.width = 64;
         options.height = 48;
         options.dataDirectory = files.path() / "area";
+        options.streamMaster = streamMaster;
         server = std::make_unique<norvexa::simulator::SimulatorServer>(options);
         port = server->start();
         auto& store = server->parameters();
@@ -56,11 +63,21 @@ protected:
 
     void TearDown() override
     {
+        if (!server)
+            return;
         server->stop();
         // What the client sent, to tell a client fault from a server fault.
         if (HasFailure())
             for (const auto& r : server->requests())
                 std::cerr << r.method << " " << r.target << " [" << r.body.substr(0, 60) << "]\n";
+    }
+
+    /// Waits until the detector has left "acquire" (bounded).
+    void waitForIdle() const
+    {
+        norvexa::imglib::DOrvikDetector detector("127.0.0.1", port);
+        for (int i = 0; i < 500 && detector.status(noAbort) != "idle"; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 
     /// The last recorded request whose target begins with `prefix`.

@@ -9,22 +9,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
 using norvexa::simulator::Fault;
-
-namespace {
-
-/// Waits until the detector has left "acquire" (bounded).
-void waitForIdle(DOrvikDetector& detector, const std::atomic<bool>& abort)
-{
-    for (int i = 0; i < 500 && detector.status(abort) != "idle"; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-}
-
-} // namespace
 
 using DetectorClientTest = SimulatorTest;
 
@@ -131,7 +119,7 @@ TEST_F(DetectorClientTest, StateMachineAndFiles)
     EXPECT_EQ(detector.status(noAbort), "ready");
     refusedWith([&] { detector.arm(noAbort); }, "Command arm not allowed in state ready");
     detector.trigger(noAbort);
-    waitForIdle(detector, noAbort);
+    waitForIdle();
     EXPECT_EQ(detector.status(noAbort), "idle");
 
     const std::vector<std::string> names = writer.listFiles(noAbort);
@@ -242,7 +230,7 @@ TEST_F(DetectorClientTest, MonitorImages)
     detector.setNImages(5, noAbort);
     detector.arm(noAbort);
     detector.trigger(noAbort);
-    waitForIdle(detector, noAbort);
+    waitForIdle();
 
     const MonitorFrame newest = monitor.monitorAll(1000, noAbort);
     EXPECT_EQ(std::make_tuple(newest.series, newest.imageNumber), std::make_tuple(1, 5));
@@ -263,7 +251,7 @@ TEST_F(DetectorClientTest, MonitorImages)
     // A body that is no TIFF fails in the reader, after the numbers were read.
     detector.arm(noAbort);
     detector.trigger(noAbort);
-    waitForIdle(detector, noAbort);
+    waitForIdle();
     faultOnce("/monitor/api/1.0.0/images/", "not a tiff");
     EXPECT_THROW(monitor.monitor(1000, noAbort), DImageCorruptedException);
     EXPECT_EQ(lastRequest().target, "/monitor/api/1.0.0/status/monitor_image_number");
