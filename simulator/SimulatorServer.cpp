@@ -8,7 +8,6 @@
 #include "orviktools.h"
 
 #include <httplib.h>
-#include <json/writer.h>
 
 #include <atomic>
 #include <chrono>
@@ -23,6 +22,8 @@ namespace simulator {
 namespace fs = std::filesystem;
 using httplib::Request;
 using httplib::Response;
+using imglib::orviktools::jsonText;
+using imglib::orviktools::parseJson;
 
 namespace {
 
@@ -31,13 +32,6 @@ const std::set<std::string> kInterfaces{"detector", "filewriter", "monitor", "st
 const std::set<std::string> kVersions{"1.0.0", "1.4.0", "1.5.0", "1.6.0", "1.8.0"};
 const char* const kServerVersion = "1.8.0";
 const char* const kJson = "application/json; charset=utf-8";
-
-std::string jsonText(const Json::Value& value)
-{
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
-}
 
 /// A body in memory, replacing whatever the answer had, a streamed body included.
 void setBody(Response& res, const std::string& body, const std::string& type)
@@ -299,7 +293,7 @@ void SimulatorServer::Private::putParameter(const Request& req, Response& res)
     if (!known(interface, version, res))
         return;
     Json::Value body;
-    if (!imglib::orviktools::parseJson(req.body, body) || !body.isObject() || !body.isMember("value"))
+    if (!parseJson(req.body, body) || !body.isObject() || !body.isMember("value"))
         return replyText(res, 400, "Expected a JSON object with the member \"value\"");
     if (interface == "detector" && !detector.acceptsConfiguration())
         return replyText(res, 400, "Configuration refused in state " + detector.state());
@@ -425,7 +419,7 @@ void SimulatorServer::Private::routes()
     });
     server.Put("/simulator/faults", [this](const Request& req, Response& res) {
         Json::Value f;
-        if (!imglib::orviktools::parseJson(req.body, f) || !f.isObject())
+        if (!parseJson(req.body, f) || !f.isObject())
             return replyText(res, 400, "Expected a JSON object");
         Fault fault;
         fault.pathPrefix = f.get("path_prefix", "").asString();

@@ -128,6 +128,13 @@ bool parseJson(const std::string& text, Json::Value& root)
     }
 }
 
+std::string jsonText(const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, value);
+}
+
 namespace detail {
 
 const Json::Value* member(const Json::Value& root, const std::string& key)
@@ -161,12 +168,10 @@ void httpPutValue(const std::string& path, const DHttpClient& client, const T& v
 {
     Json::Value object(Json::objectValue);
     object["value"] = Json::Value(value);
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
     const std::map<std::string, std::string> headers{
         {"content-type", "application/json; charset=utf-8"}};
     const DHttpClient::QueryReturn reply =
-        client.query(path, DHttpClient::Put, abort, headers, toData(Json::writeString(writer, object)));
+        client.query(path, DHttpClient::Put, abort, headers, toData(jsonText(object)));
     // Taken after the exchange on purpose: a 408 on a write reports about 0 ms.
     const DTime start = DTime::now();
     throwBadStatusException(reply, start);

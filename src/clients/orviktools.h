@@ -68,6 +68,9 @@ bool jsonToC(const Json::Value& value, std::tuple<int, int>& destination);
 /// nests too deeply. Never throws.
 bool parseJson(const std::string& text, Json::Value& root);
 
+/// `value` as compact JSON text, as the clients send it.
+std::string jsonText(const Json::Value& value);
+
 namespace detail {
 /// The member `key` of an object, or null when `root` is no object or the member is
 /// missing or JSON null.
