@@ -32,7 +32,6 @@ TEST_F(DetectorClientTest, ParametersAndTheirLimits)
     EXPECT_EQ(detector.frameTime(noAbort).value, 1.0);
 
     detector.setNImages(3, noAbort);
-    EXPECT_EQ(lastRequest().body, R"({"value":3})");
     const RangedValue<int> nImages = detector.nImages(noAbort);
     EXPECT_EQ(std::make_tuple(nImages.value, nImages.min, nImages.max), std::make_tuple(3, 1, 1000000));
 

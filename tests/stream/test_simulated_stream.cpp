@@ -56,20 +56,6 @@ std::string pixels(const DImage& image)
 
 } // namespace
 
-TEST_F(SimulatedStream, RestControlOfTheStream)
-{
-    start();
-    EXPECT_FALSE(rest->version().empty());
-    EXPECT_TRUE(rest->enabled(noAbort));
-    rest->setEnabled(false, noAbort);
-    EXPECT_FALSE(rest->enabled(noAbort));
-    rest->setHeaderDetail("all", noAbort);
-    EXPECT_EQ(rest->headerDetail(noAbort), "all");
-    EXPECT_EQ(rest->dropped(noAbort), 0);
-    // Nothing is checked on the way out: the server refuses an unknown detail.
-    EXPECT_THROW(rest->setHeaderDetail("most", noAbort), DHttpException);
-}
-
 TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
 {
     start();
@@ -118,9 +104,17 @@ TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
     }
 }
 
-TEST_F(SimulatedStream, FaultKnobs)
+TEST_F(SimulatedStream, RestControlAndFaultKnobs)
 {
     start();
+    EXPECT_EQ(rest->version(), "1.8.0");
+    EXPECT_TRUE(rest->enabled(noAbort));
+    rest->setHeaderDetail("all", noAbort);
+    EXPECT_EQ(rest->headerDetail(noAbort), "all");
+    // Nothing is checked on the way out: the server refuses an unknown detail.
+    EXPECT_THROW(rest->setHeaderDetail("most", noAbort), DHttpException);
+    EXPECT_EQ(rest->dropped(noAbort), 0);
+
     setting("drop_every", 2);
     setting("malformed", "shape");
     setting("stop_before_end", true);
@@ -131,6 +125,8 @@ TEST_F(SimulatedStream, FaultKnobs)
     EXPECT_EQ(pop().data().imageId(), 3u);
     EXPECT_THROW(client->pop(0.3, noAbort), DTimeoutException);
     EXPECT_EQ(rest->dropped(noAbort), 2);
+    rest->setEnabled(false, noAbort);
+    EXPECT_FALSE(rest->enabled(noAbort));
 }
 
 TEST_F(SimulatedStream, AMasterFileReplayedChunkByChunk)
