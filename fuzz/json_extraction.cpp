@@ -21,15 +21,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::tuple<int, int> numbers;
     std::vector<std::string> list;
     std::set<std::string> allowed;
-    orviktools::parseJsonDict(text, "value", s);
-    orviktools::parseJsonDict(text, "value", b);
-    orviktools::parseJsonDict(text, "value", i);
-    orviktools::parseJsonDict(text, "value", d);
-    orviktools::parseJsonDict(text, "value", numbers);
-    orviktools::parseJsonDict(text, "value", list);
-    orviktools::parseJsonDict(text, "value", s, "allowed_values", allowed);
-    orviktools::parseJsonDict(text, "value", i, "min", min, "max", max);
-    orviktools::parseJsonDict(text, "value", d, "min", dmin, "max", dmax);
-    orviktools::parseJsonDict(text, "state", s);
+    // One parse; extraction from the same tree is what differs between the clients' calls.
+    Json::Value root;
+    if (!orviktools::parseJson(text, root))
+        return 0;
+    orviktools::jsonDictAt(root, "value", s);
+    orviktools::jsonDictAt(root, "value", b);
+    orviktools::jsonDictAt(root, "value", i);
+    orviktools::jsonDictAt(root, "value", d);
+    orviktools::jsonDictAt(root, "value", numbers);
+    orviktools::jsonDictAt(root, "value", list);
+    orviktools::jsonDictAt(root, "value", s, "allowed_values", allowed);
+    orviktools::jsonDictAt(root, "value", i, "min", min, "max", max);
+    orviktools::jsonDictAt(root, "value", d, "min", dmin, "max", dmax);
+    orviktools::jsonDictAt(root, "state", s);
     return 0;
 }

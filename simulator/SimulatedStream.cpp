@@ -4,6 +4,7 @@
 #include "DImageSeries.h"
 #include "DiffractionFrame.h"
 #include "foundation/image/DCompression.h"
+#include "orviktools.h"
 
 #include <json/json.h>
 #include <zmq.h>
@@ -18,17 +19,11 @@ namespace norvexa {
 namespace simulator {
 
 using imglib::DImage;
+using imglib::orviktools::jsonText;
 using image::DCompression;
 using Parts = std::vector<std::string>;
 
 namespace {
-
-std::string json(const Json::Value& value)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
 
 DCompression::FILTER filterOf(const std::string& encoding)
 {
@@ -91,7 +86,7 @@ std::string imageHeader(const std::string& htype, int width, int height, const s
     header["type"] = type;
     header["encoding"] = encoding;
     header["size"] = Json::UInt64(size);
-    return json(header);
+    return jsonText(header);
 }
 
 /// Plausible values for every key of a header's configuration part.
@@ -279,12 +274,12 @@ void SimulatedStream::seriesStarted(const SeriesInfo& info)
     head["htype"] = "dheader-1.0";
     head["series"] = Json::UInt64(series->id);
     head["header_detail"] = detail;
-    Parts header{json(head)};
+    Parts header{jsonText(head)};
     if (detail != "none") {
         Json::Value config = defaultConfig(info);
         for (const std::string& key : info.config.getMemberNames())
             config[key] = info.config[key];
-        header.push_back(json(config));
+        header.push_back(jsonText(config));
     }
     if (detail == "all" && !first.empty()) {
         const int w = first.width(), h = first.height();

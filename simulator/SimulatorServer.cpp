@@ -5,10 +5,9 @@
 #include "FileArea.h"
 #include "MonitorBuffer.h"
 #include "SimulatedFrame.h"
+#include "orviktools.h"
 
 #include <httplib.h>
-#include <json/reader.h>
-#include <json/writer.h>
 
 #include <atomic>
 #include <chrono>
@@ -23,6 +22,8 @@ namespace simulator {
 namespace fs = std::filesystem;
 using httplib::Request;
 using httplib::Response;
+using imglib::orviktools::jsonText;
+using imglib::orviktools::parseJson;
 
 namespace {
 
@@ -31,25 +32,6 @@ const std::set<std::string> kInterfaces{"detector", "filewriter", "monitor", "st
 const std::set<std::string> kVersions{"1.0.0", "1.4.0", "1.5.0", "1.6.0", "1.8.0"};
 const char* const kServerVersion = "1.8.0";
 const char* const kJson = "application/json; charset=utf-8";
-
-std::string jsonText(const Json::Value& value)
-{
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
-}
-
-bool parseJson(const std::string& text, Json::Value& root)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
-    } catch (const std::exception&) {
-        return false;
-    }
-}
 
 /// A body in memory, replacing whatever the answer had, a streamed body included.
 void setBody(Response& res, const std::string& body, const std::string& type)

@@ -29,6 +29,12 @@ void DOrvikDetector::getParam(const std::string& name, const std::atomic<bool>& 
 }
 
 template <class T>
+T DOrvikDetector::plain(const std::string& name, const std::atomic<bool>& abort) const
+{
+    return orviktools::httpGetValue<T>(kPrefix + "/config/" + name, *_client, abort);
+}
+
+template <class T>
 void DOrvikDetector::setParam(const std::string& name, const T& value, const std::atomic<bool>& abort)
 {
     orviktools::httpPutValue(kPrefix + "/config/" + name, *_client, value, abort);
@@ -73,16 +79,12 @@ bool DOrvikDetector::isError(const std::atomic<bool>& abort) const
 
 std::string DOrvikDetector::description(const std::atomic<bool>& abort) const
 {
-    std::string value;
-    getParam("description", abort, "value", value);
-    return value;
+    return plain<std::string>("description", abort);
 }
 
 std::string DOrvikDetector::detectorNumber(const std::atomic<bool>& abort) const
 {
-    std::string value;
-    getParam("detector_number", abort, "value", value);
-    return value;
+    return plain<std::string>("detector_number", abort);
 }
 
 RangedValue<double> DOrvikDetector::countTime(const std::atomic<bool>& abort) const
@@ -154,9 +156,7 @@ void DOrvikDetector::setTriggerMode(const std::string& value, const std::atomic<
 
 bool DOrvikDetector::flatfieldCorrectionApplied(const std::atomic<bool>& abort) const
 {
-    bool value = false;
-    getParam("flatfield_correction_applied", abort, "value", value);
-    return value;
+    return plain<bool>("flatfield_correction_applied", abort);
 }
 
 void DOrvikDetector::setFlatfieldCorrectionApplied(bool value, const std::atomic<bool>& abort)
@@ -166,9 +166,7 @@ void DOrvikDetector::setFlatfieldCorrectionApplied(bool value, const std::atomic
 
 bool DOrvikDetector::pixelMaskApplied(const std::atomic<bool>& abort) const
 {
-    bool value = false;
-    getParam("pixel_mask_applied", abort, "value", value);
-    return value;
+    return plain<bool>("pixel_mask_applied", abort);
 }
 
 void DOrvikDetector::setPixelMaskApplied(bool value, const std::atomic<bool>& abort)

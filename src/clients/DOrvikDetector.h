@@ -88,6 +88,8 @@ private:
     template <class... Pairs>
     void getParam(const std::string& name, const std::atomic<bool>& abort, Pairs&&... pairs) const;
     template <class T>
+    T plain(const std::string& name, const std::atomic<bool>& abort) const;
+    template <class T>
     void setParam(const std::string& name, const T& value, const std::atomic<bool>& abort);
     void command(const std::string& name, const std::atomic<bool>& abort);
     template <class T>

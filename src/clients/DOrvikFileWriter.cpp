@@ -31,13 +31,12 @@ std::string DOrvikFileWriter::version(const std::atomic<bool>& abort) const
 
 bool DOrvikFileWriter::enabled(const std::atomic<bool>& abort) const
 {
-    return orviktools::httpGetValue<std::string>(kPrefix + "/config/mode", *_client, abort) == "enabled";
+    return orviktools::httpGetEnabled(kPrefix + "/config/mode", *_client, abort);
 }
 
 void DOrvikFileWriter::setEnabled(bool enabled, const std::atomic<bool>& abort)
 {
-    orviktools::httpPutValue<std::string>(kPrefix + "/config/mode", *_client,
-                                          enabled ? "enabled" : "disabled", abort);
+    orviktools::httpPutEnabled(kPrefix + "/config/mode", *_client, enabled, abort);
 }
 
 std::vector<std::string> DOrvikFileWriter::listFiles(const std::atomic<bool>& abort) const

@@ -29,13 +29,12 @@ std::string DOrvikMonitor::version(const std::atomic<bool>& abort) const
 
 bool DOrvikMonitor::enabled(const std::atomic<bool>& abort) const
 {
-    return orviktools::httpGetValue<std::string>(kPrefix + "/config/mode", *_client, abort) == "enabled";
+    return orviktools::httpGetEnabled(kPrefix + "/config/mode", *_client, abort);
 }
 
 void DOrvikMonitor::setEnabled(bool enabled, const std::atomic<bool>& abort)
 {
-    orviktools::httpPutValue<std::string>(kPrefix + "/config/mode", *_client,
-                                          enabled ? "enabled" : "disabled", abort);
+    orviktools::httpPutEnabled(kPrefix + "/config/mode", *_client, enabled, abort);
 }
 
 int DOrvikMonitor::bufferSize(const std::atomic<bool>& abort) const

@@ -36,14 +36,12 @@ std::string DOrvikStream::version() const
 
 bool DOrvikStream::enabled(const std::atomic<bool>& abort) const
 {
-    return orviktools::httpGetValue<std::string>(DOrvikStreamPrivate::config("mode"), _d->rest,
-                                                 abort) == "enabled";
+    return orviktools::httpGetEnabled(DOrvikStreamPrivate::config("mode"), _d->rest, abort);
 }
 
 void DOrvikStream::setEnabled(bool enabled, const std::atomic<bool>& abort)
 {
-    orviktools::httpPutValue<std::string>(DOrvikStreamPrivate::config("mode"), _d->rest,
-                                          enabled ? "enabled" : "disabled", abort);
+    orviktools::httpPutEnabled(DOrvikStreamPrivate::config("mode"), _d->rest, enabled, abort);
 }
 
 std::string DOrvikStream::headerDetail(const std::atomic<bool>& abort) const

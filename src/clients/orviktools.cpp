@@ -113,17 +113,7 @@ bool jsonToC(const Json::Value& value, std::tuple<int, int>& destination)
     return JsonToC<0, std::tuple<int, int>>::fire(value, destination);
 }
 
-namespace detail {
-
-const Json::Value* member(const Json::Value& root, const std::string& key)
-{
-    if (!root.isObject())
-        return nullptr;
-    const Json::Value* value = root.find(key.data(), key.data() + key.size());
-    return value && !value->isNull() ? value : nullptr;
-}
-
-bool parse(const std::string& text, Json::Value& root)
+bool parseJson(const std::string& text, Json::Value& root)
 {
     // The builder's defaults are the lenient reading of the classic reader, with comments
     // collected; deep nesting is refused by its stack limit.
@@ -136,6 +126,23 @@ bool parse(const std::string& text, Json::Value& root)
     } catch (const std::exception&) {
         return false;
     }
+}
+
+std::string jsonText(const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, value);
+}
+
+namespace detail {
+
+const Json::Value* member(const Json::Value& root, const std::string& key)
+{
+    if (!root.isObject())
+        return nullptr;
+    const Json::Value* value = root.find(key.data(), key.data() + key.size());
+    return value && !value->isNull() ? value : nullptr;
 }
 
 std::string getJsonText(const std::string& path, const DHttpClient& client,
@@ -161,12 +168,10 @@ void httpPutValue(const std::string& path, const DHttpClient& client, const T& v
 {
     Json::Value object(Json::objectValue);
     object["value"] = Json::Value(value);
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
     const std::map<std::string, std::string> headers{
         {"content-type", "application/json; charset=utf-8"}};
     const DHttpClient::QueryReturn reply =
-        client.query(path, DHttpClient::Put, abort, headers, toData(Json::writeString(writer, object)));
+        client.query(path, DHttpClient::Put, abort, headers, toData(jsonText(object)));
     // Taken after the exchange on purpose: a 408 on a write reports about 0 ms.
     const DTime start = DTime::now();
     throwBadStatusException(reply, start);
@@ -180,6 +185,17 @@ template void httpPutValue<double>(const std::string&, const DHttpClient&, const
                                    const std::atomic<bool>&);
 template void httpPutValue<std::string>(const std::string&, const DHttpClient&, const std::string&,
                                         const std::atomic<bool>&);
+
+bool httpGetEnabled(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort)
+{
+    return httpGetValue<std::string>(path, client, abort) == "enabled";
+}
+
+void httpPutEnabled(const std::string& path, const DHttpClient& client, bool enabled,
+                    const std::atomic<bool>& abort)
+{
+    httpPutValue<std::string>(path, client, enabled ? "enabled" : "disabled", abort);
+}
 
 void httpPut(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort)
 {

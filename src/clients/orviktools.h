@@ -64,12 +64,17 @@ struct JsonToC {
 /// An array of at least two numbers, as for int.
 bool jsonToC(const Json::Value& value, std::tuple<int, int>& destination);
 
+/// Parses `text` into `root` with comments collected; false when `text` is no JSON or
+/// nests too deeply. Never throws.
+bool parseJson(const std::string& text, Json::Value& root);
+
+/// `value` as compact JSON text, as the clients send it.
+std::string jsonText(const Json::Value& value);
+
 namespace detail {
 /// The member `key` of an object, or null when `root` is no object or the member is
 /// missing or JSON null.
 const Json::Value* member(const Json::Value& root, const std::string& key);
-/// Parses with comments collected; false when `text` is no JSON.
-bool parse(const std::string& text, Json::Value& root);
 /// The body of a successful GET of `path` that asked for JSON, as text.
 std::string getJsonText(const std::string& path, const DHttpClient& client,
                         const std::atomic<bool>& abort);
@@ -94,7 +99,7 @@ template <class... Pairs>
 bool parseJsonDict(const std::string& text, Pairs&&... pairs)
 {
     Json::Value root;
-    return detail::parse(text, root) && jsonDictAt(root, std::forward<Pairs>(pairs)...);
+    return parseJson(text, root) && jsonDictAt(root, std::forward<Pairs>(pairs)...);
 }
 
 /// GET `path` (asking for JSON) and fill the pairs of key and destination.
@@ -130,6 +135,12 @@ extern template void httpPutValue<double>(const std::string&, const DHttpClient&
                                           const std::atomic<bool>&);
 extern template void httpPutValue<std::string>(const std::string&, const DHttpClient&,
                                                const std::string&, const std::atomic<bool>&);
+
+/// The "mode" parameter at `path` of the monitor, file writer and stream interfaces:
+/// "enabled" reads as true, any other text as false; a write sends one of the two words.
+bool httpGetEnabled(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort);
+void httpPutEnabled(const std::string& path, const DHttpClient& client, bool enabled,
+                    const std::atomic<bool>& abort);
 
 /// A PUT without a body: how a detector is given a command.
 void httpPut(const std::string& path, const DHttpClient& client, const std::atomic<bool>& abort);

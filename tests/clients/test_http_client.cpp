@@ -5,7 +5,6 @@
 #include "foundation/DException.h"
 
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -17,14 +16,6 @@ using norvexa::simulator::Fault;
 using Data = image::DBasicImageData<image::StdAllocator>;
 
 namespace {
-
-Data bytes(const std::string& text)
-{
-    Data data;
-    data.resize(text.size());
-    std::memcpy(data.data(), text.data(), text.size());
-    return data;
-}
 
 std::string text(const Data& data) { return data.size() ? std::string(data.cdata(), data.size()) : ""; }
 
@@ -68,7 +59,7 @@ TEST_F(HttpClientTest, RequestHeadersAndTheExpectLine)
     DHttpClient client("127.0.0.1", port);
     // A PUT with a body: libcurl would wait for "100 Continue" unless told not to.
     client.query("/detector/api/1.0.0/config/nimages", DHttpClient::Put,
-                 {{" X-Token ", "a b "}}, bytes("{\"value\":2}"));
+                 {{" X-Token ", "a b "}}, httpBytes("{\"value\":2}"));
     auto request = lastRequest();
     EXPECT_EQ(request.headers.count("expect"), 0u);
     ASSERT_EQ(request.headers.count("x-token"), 1u);
@@ -76,7 +67,7 @@ TEST_F(HttpClientTest, RequestHeadersAndTheExpectLine)
     EXPECT_EQ(request.body, "{\"value\":2}");
 
     client.query("/detector/api/1.0.0/config/nimages", DHttpClient::Put,
-                 {{" EXPECT ", "100-continue"}}, bytes("{\"value\":3}"));
+                 {{" EXPECT ", "100-continue"}}, httpBytes("{\"value\":3}"));
     request = lastRequest();
     ASSERT_EQ(request.headers.count("expect"), 1u);
     EXPECT_EQ(request.headers.find("expect")->second, "100-continue");
@@ -87,13 +78,13 @@ TEST_F(HttpClientTest, MethodsBodiesAndReplies)
 {
     DHttpClient client("127.0.0.1", port);
     // A GET carries no body even when given one.
-    auto reply = client.query(kVersionPath, DHttpClient::Get, {}, bytes("ignored"));
+    auto reply = client.query(kVersionPath, DHttpClient::Get, {}, httpBytes("ignored"));
     EXPECT_EQ(lastRequest().method, "GET");
     EXPECT_EQ(lastRequest().body, "");
     EXPECT_EQ(text(reply.data), "{\"value\":\"1.8.0\",\"value_type\":\"string\"}");
     EXPECT_EQ(reply.headers.at("content-type"), "application/json; charset=utf-8");
 
-    client.query("/somewhere", DHttpClient::Post, {}, bytes("posted"));
+    client.query("/somewhere", DHttpClient::Post, {}, httpBytes("posted"));
     EXPECT_EQ(lastRequest().method, "POST");
     EXPECT_EQ(lastRequest().body, "posted");
     client.query("/data/none", DHttpClient::Delete, {}, Data());

@@ -6,7 +6,6 @@
 
 #include "foundation/DException.h"
 
-#include <cstring>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -21,8 +20,7 @@ DHttpClient::QueryReturn reply(int status, const std::string& body)
 {
     DHttpClient::QueryReturn r;
     r.status = status;
-    r.data.resize(body.size());
-    std::memcpy(r.data.data(), body.data(), body.size());
+    r.data = httpBytes(body);
     return r;
 }
 
@@ -122,7 +120,6 @@ TEST(OrviktoolsExceptions, ForwardedByClass)
     } catch (const DException& e) {
         EXPECT_STREQ(e.what(), "called off");
     }
-    EXPECT_STREQ(DTerminateException().what(), "");
 }
 
 using OrviktoolsHttpTest = SimulatorTest;
@@ -139,8 +136,6 @@ TEST_F(OrviktoolsHttpTest, GetAndPutOverHttp)
     EXPECT_EQ(orviktools::httpGetValue<int>(path, client, noAbort), 7);
     EXPECT_EQ(lastRequest(path).headers.find("accept")->second, "application/json");
 
-    orviktools::httpPutValue(std::string("/detector/api/1.0.0/config/count_time"), client, 1.0, noAbort);
-    EXPECT_EQ(lastRequest().body, R"({"value":1.0})");
     orviktools::httpPut("/detector/api/1.0.0/command/arm", client, noAbort);
     EXPECT_EQ(lastRequest().body, "");
 

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -55,11 +54,7 @@ TEST(SimulatorServerTest, UninitializedDetectorAndTheControlEndpoints)
     // Unknown names, versions and read-only parameters, as a real server answers them.
     DHttpClient client("127.0.0.1", port);
     auto status = [&](const std::string& path, DHttpClient::Method method, const std::string& body = "") {
-        image::DBasicImageData<image::StdAllocator> data;
-        data.resize(body.size());
-        if (!body.empty())
-            std::memcpy(data.data(), body.data(), body.size());
-        return client.query(path, method, {}, data).status;
+        return client.query(path, method, {}, httpBytes(body)).status;
     };
     EXPECT_EQ(status("/detector/api/9.9.9/config/count_time", DHttpClient::Get), 404);
     EXPECT_EQ(status("/detector/api/1.0.0/config/no_such", DHttpClient::Get), 404);
@@ -74,7 +69,7 @@ TEST(SimulatorServerTest, UninitializedDetectorAndTheControlEndpoints)
               204);
     EXPECT_EQ(status("/detector/api/version/", DHttpClient::Get), 503);
     EXPECT_EQ(status("/detector/api/version/", DHttpClient::Get), 200);
-    const auto reply = client.query("/simulator/requests", DHttpClient::Get, {}, image::DBasicImageData<image::StdAllocator>());
+    const auto reply = client.query("/simulator/requests", DHttpClient::Get, {}, httpBytes(""));
     const std::string log(reply.data.cdata(), reply.data.size());
     EXPECT_NE(log.find(R"("target":"/detector/api/1.0.0/config/nimages")"), std::string::npos);
     EXPECT_EQ(log.find("/simulator/"), std::string::npos);

@@ -1,47 +1,34 @@
 #include "TestHelpers.h"
 
 #include "../../examples/DiffractionFrame.h"
+#include "../clients/SimulatorFixture.h"
 #include "DHdf5Writer.h"
 #include "DHttpException.h"
 #include "DImage.h"
 #include "DOrvikDetector.h"
 #include "DOrvikStream.h"
 #include "DStreamClient.h"
-#include "SimulatorServer.h"
 #include "foundation/DException.h"
 
-#include <chrono>
 #include <cstring>
 #include <memory>
-#include <thread>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
 
 namespace {
 
-/// A simulated detector in this process, its stream on a free data port, small frames.
-class SimulatedStream : public ::testing::Test {
+/// The simulated detector with its stream enabled and a client on its data port.
+class SimulatedStream : public SimulatorTest {
 protected:
+    // Started by each test, which may first write a file for the stream to replay.
+    void SetUp() override {}
     void start(const std::string& master = "")
     {
-        simulator::SimulatorOptions options;
-        options.width = 64;
-        options.height = 48;
-        options.dataDirectory = files.path() / "area";
-        options.streamMaster = master;
-        server = std::make_unique<simulator::SimulatorServer>(options);
-        port = server->start();
-        server->parameters().setValue("detector", "config", "frame_time", 0.001);
-        server->parameters().setValue("detector", "config", "count_time", 0.001);
+        startServer(master);
         rest = std::make_unique<DOrvikStream>("127.0.0.1", port);
         client = std::make_unique<DStreamClient>("127.0.0.1", server->dataPort());
-        rest->setEnabled(true, never);
-    }
-    void TearDown() override
-    {
-        if (server)
-            server->stop();
+        rest->setEnabled(true, noAbort);
     }
     void setting(const std::string& name, const Json::Value& value)
     {
@@ -49,22 +36,17 @@ protected:
     }
     void acquire(int images)
     {
-        DOrvikDetector detector("127.0.0.1", port);
         // The end message of a series goes out just before the detector is idle again.
-        for (int i = 0; i < 500 && detector.status(never) != "idle"; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        detector.setNImages(images, never);
-        detector.arm(never);
-        detector.trigger(never);
+        waitForIdle();
+        DOrvikDetector detector("127.0.0.1", port);
+        detector.setNImages(images, noAbort);
+        detector.arm(noAbort);
+        detector.trigger(noAbort);
     }
-    DStreamObject pop() { return client->pop(5, never); }
+    DStreamObject pop() { return client->pop(5, noAbort); }
 
-    norvexa_test::TempDir files;
-    std::unique_ptr<simulator::SimulatorServer> server;
     std::unique_ptr<DOrvikStream> rest;
     std::unique_ptr<DStreamClient> client;
-    int port = 0;
-    const std::atomic<bool> never{false};
 };
 
 std::string pixels(const DImage& image)
@@ -73,20 +55,6 @@ std::string pixels(const DImage& image)
 }
 
 } // namespace
-
-TEST_F(SimulatedStream, RestControlOfTheStream)
-{
-    start();
-    EXPECT_FALSE(rest->version().empty());
-    EXPECT_TRUE(rest->enabled(never));
-    rest->setEnabled(false, never);
-    EXPECT_FALSE(rest->enabled(never));
-    rest->setHeaderDetail("all", never);
-    EXPECT_EQ(rest->headerDetail(never), "all");
-    EXPECT_EQ(rest->dropped(never), 0);
-    // Nothing is checked on the way out: the server refuses an unknown detail.
-    EXPECT_THROW(rest->setHeaderDetail("most", never), DHttpException);
-}
 
 TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
 {
@@ -109,7 +77,7 @@ TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
         SCOPED_TRACE(std::string(c.encoding) + " " + c.detail);
         setting("encoding", c.encoding);
         setting("pixel_type", c.type);
-        rest->setHeaderDetail(c.detail, never);
+        rest->setHeaderDetail(c.detail, noAbort);
         acquire(3);
         const DStreamObject header = pop();
         ASSERT_EQ(header.type(), DStreamObject::CONFIG);
@@ -136,9 +104,17 @@ TEST_F(SimulatedStream, EveryEncodingAndDetailLevel)
     }
 }
 
-TEST_F(SimulatedStream, FaultKnobs)
+TEST_F(SimulatedStream, RestControlAndFaultKnobs)
 {
     start();
+    EXPECT_EQ(rest->version(), "1.8.0");
+    EXPECT_TRUE(rest->enabled(noAbort));
+    rest->setHeaderDetail("all", noAbort);
+    EXPECT_EQ(rest->headerDetail(noAbort), "all");
+    // Nothing is checked on the way out: the server refuses an unknown detail.
+    EXPECT_THROW(rest->setHeaderDetail("most", noAbort), DHttpException);
+    EXPECT_EQ(rest->dropped(noAbort), 0);
+
     setting("drop_every", 2);
     setting("malformed", "shape");
     setting("stop_before_end", true);
@@ -147,8 +123,10 @@ TEST_F(SimulatedStream, FaultKnobs)
     EXPECT_THROW_MSG(pop(), DRuntimeException, "Error parsing ORVIK stream: \"DZmqSocket\":183");
     EXPECT_EQ(pop().data().imageId(), 1u);
     EXPECT_EQ(pop().data().imageId(), 3u);
-    EXPECT_THROW(client->pop(0.3, never), DTimeoutException);
-    EXPECT_EQ(rest->dropped(never), 2);
+    EXPECT_THROW(client->pop(0.3, noAbort), DTimeoutException);
+    EXPECT_EQ(rest->dropped(noAbort), 2);
+    rest->setEnabled(false, noAbort);
+    EXPECT_FALSE(rest->enabled(noAbort));
 }
 
 TEST_F(SimulatedStream, AMasterFileReplayedChunkByChunk)
