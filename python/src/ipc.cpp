@@ -1,11 +1,190 @@
-#include "bindings.h"
+// MessageQueue: the shared-memory channel between two processes of one machine. Texts,
+// Images, DrawingLists and pixel lists (numpy arrays of pixel_dtype) cross it; every wait
+// releases the GIL.
+#include "abortable.h"
+#include "drawing.h"
+
+#include "DImage.h"
+#include "DMessageQueue.h"
+
+#include <memory>
+#include <string>
 
 namespace norvexa {
 namespace python {
 
+namespace {
+
+using imglib::DArray;
+using imglib::DImage;
+using imglib::DMessageQueue;
+using imglib::DPixel;
+using imglib::DStdDrawingList;
+
+struct Queue {
+    explicit Queue(std::string name) : name(std::move(name))
+    {
+        py::gil_scoped_release release; // opening waits while the other side opens or closes
+        queue = std::make_unique<DMessageQueue>(this->name.c_str());
+    }
+    DMessageQueue& open() const
+    {
+        if (!queue)
+            throw imglib::DMessageQueueException("DMessageQueue " + name + " is not open.");
+        return *queue;
+    }
+    void close()
+    {
+        py::gil_scoped_release release;
+        queue.reset();
+    }
+
+    std::string name;
+    std::unique_ptr<DMessageQueue> queue;
+};
+
+/// `work(queue)` with the GIL released.
+template <class Work>
+auto blocking(Queue& q, const py::object& abort, Work work)
+{
+    DMessageQueue& queue = q.open();
+    if (!abort.is_none() && py::bool_(abort.attr("is_set")()))
+        throw imglib::DTerminateException("Operation aborted");
+    py::gil_scoped_release release;
+    return work(queue);
+}
+
+#define ABORT_ARG "    abort: a threading.Event (or None); setting it from another thread ends the wait.\n"
+#define QUEUE_RAISES                                                                               \
+    "    MessageQueueException: the queue is closed, or an inter-process primitive failed.\n"     \
+    "    TerminateException: `abort` was set.\n"
+
+} // namespace
+
 void initIpc(py::module_& m)
 {
-    (void)m;
+    py::class_<Queue>(m, "MessageQueue", R"doc(
+A two-way channel between two processes of one machine, under a name that both open. Each
+direction carries short texts (at most 4096 bytes, up to 100 waiting) and one slot for one
+big object at a time: an Image with its metadata, a DrawingList or a pixel list (a 1-D
+numpy array of norvexa.pixel_dtype). Objects are copied into shared memory on one side and
+out of it on the other, without serialisation.
+
+The first process to open a name is the main side: it clears what an earlier run left and
+creates the shared objects; the second attaches. Use one open queue of a name per
+process. The slot does not say what it holds: both sides agree on what comes next and the
+receiver calls the matching receive_*(). Nothing tells one side that the other has gone:
+a wait for a peer that left lasts until Ctrl-C or `abort`.
+
+Example:
+    with norvexa.MessageQueue("viewer") as queue:
+        queue.send("show frame 42")
+        queue.send(image)
+        reply = queue.receive()
+)doc")
+        .def(py::init<std::string>(), py::arg("name"),
+             "MessageQueue(name): opens the queue `name` and takes the role that is free.\n\nRaises:\n"
+             "    MessageQueueException: an inter-process primitive failed.")
+        .def_readonly("name", &Queue::name, "The queue's name.")
+        .def_property_readonly(
+            "closed", [](const Queue& q) { return !q.queue; }, "Whether close() was called.")
+        .def(
+            "send",
+            [](Queue& q, const py::object& object, const py::object& abort) {
+                if (py::isinstance<py::str>(object)) {
+                    const std::string text = object.cast<std::string>();
+                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(text); });
+                } else if (py::isinstance<DImage>(object)) {
+                    const DImage& image = object.cast<const DImage&>();
+                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(image); });
+                } else if (py::isinstance<DStdDrawingList>(object)) {
+                    const DStdDrawingList& list = object.cast<const DStdDrawingList&>();
+                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(list); });
+                } else if (isPixelArray(object)) {
+                    const DArray<DPixel> pixels = arrayToPixels(object);
+                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(pixels); });
+                } else {
+                    throw py::type_error("MessageQueue.send takes a str, an Image, a DrawingList or a "
+                                         "numpy array of norvexa.pixel_dtype, not " +
+                                         py::str(py::type::of(object).attr("__name__")).cast<std::string>());
+                }
+            },
+            py::arg("object"), py::kw_only(), py::arg("abort") = py::none(),
+            R"doc(Sends a text or an object to the other side.
+
+A text waits in a queue (send blocks while 100 wait); an object goes into the slot (send
+blocks while the slot still holds the previous object).
+
+Args:
+    object: a str (at most 4096 bytes of UTF-8), an Image (with its metadata), a
+        DrawingList, or a 1-D numpy array of norvexa.pixel_dtype.
+)doc" ABORT_ARG R"doc(
+Raises:
+    TypeError: anything else.
+    MessageQueueException: "Maximum message length exceeded (4096 characters)", a closed
+        queue, or a failed inter-process primitive.
+    TerminateException: `abort` was set.)doc")
+        .def(
+            "receive",
+            [](Queue& q, const py::object& abort) {
+                const std::string text =
+                    blocking(q, abort, [](DMessageQueue& queue) { return queue.receive(); });
+                // Bytes that are no UTF-8 (a peer in another language) survive as escapes.
+                return py::reinterpret_steal<py::str>(PyUnicode_DecodeUTF8(
+                    text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape"));
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "The next text from the other side; waits until there is one.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    str\n\nRaises:\n" QUEUE_RAISES)
+        .def(
+            "receive_image",
+            [](Queue& q, const py::object& abort) {
+                return blocking(q, abort, [](DMessageQueue& queue) {
+                    DImage image;
+                    queue.receive(image);
+                    return image;
+                });
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "Takes an Image out of the slot; waits until there is one. The other side must\n"
+            "have sent an Image.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    Image, with its metadata.\n\nRaises:\n" QUEUE_RAISES)
+        .def(
+            "receive_drawing_list",
+            [](Queue& q, const py::object& abort) {
+                return blocking(q, abort, [](DMessageQueue& queue) {
+                    DStdDrawingList list;
+                    queue.receive(list);
+                    return list;
+                });
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "Takes a DrawingList out of the slot; waits until there is one. The other side must\n"
+            "have sent a DrawingList.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    DrawingList\n\nRaises:\n" QUEUE_RAISES)
+        .def(
+            "receive_pixels",
+            [](Queue& q, const py::object& abort) {
+                DArray<DPixel> pixels = blocking(q, abort, [](DMessageQueue& queue) {
+                    DArray<DPixel> received;
+                    queue.receive(received);
+                    return received;
+                });
+                return pixelsToArray(pixels);
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "Takes a pixel list out of the slot; waits until there is one. The other side must\n"
+            "have sent a pixel list.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    a 1-D numpy array of norvexa.pixel_dtype (fields x, y, value).\n\nRaises:\n" QUEUE_RAISES)
+        .def("close", &Queue::close,
+             "Leaves the queue; the main side removes the shared objects. Harmless when closed.\n"
+             "Not while another thread of this process waits on the queue.")
+        .def("__enter__", [](py::object self) { return self; })
+        .def(
+            "__exit__", [](Queue& q, const py::args&) { q.close(); }, "Closes the queue.")
+        .def("__repr__", [](const Queue& q) {
+            return "<norvexa.MessageQueue " + q.name + (q.queue ? ">" : " closed>");
+        });
 }
 
 } // namespace python

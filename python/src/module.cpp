@@ -11,6 +11,7 @@ PYBIND11_MODULE(_norvexa, m)
     initImage(m);
     initFiles(m);
     initDisplay(m);
+    initDrawing(m);
     initCorrections(m);
     initClients(m);
     initStream(m);

@@ -1,0 +1,141 @@
+"""Detector, FileWriter and Monitor against the project's detector simulator."""
+
+import threading
+import time
+
+import pytest
+
+import norvexa
+from simulator_process import Simulator, wait_until
+
+
+@pytest.fixture
+def sim(tmp_path):
+    simulator = Simulator(tmp_path)
+    simulator.put("/detector/api/1.0.0/config/frame_time", 0.001)
+    simulator.put("/detector/api/1.0.0/config/count_time", 0.001)
+    yield simulator
+    simulator.stop()
+
+
+def acquire(detector, images):
+    detector.set_nimages(images)
+    detector.arm()
+    detector.trigger()
+    assert wait_until(lambda: detector.status() == "idle", 10)
+
+
+def test_getters_return_values_with_their_limits(sim):
+    det = norvexa.Detector("127.0.0.1", sim.port)
+    assert (det.host, det.port) == ("127.0.0.1", sim.port)
+    det.set_count_time(0.25)
+    assert det.count_time() == norvexa.Ranged(0.25, 1e-5, 3600.0)
+    value, low, high = det.photon_energy()
+    assert (low, high) == (2500.0, 30000.0) and low <= value <= high
+    det.set_nimages(7)
+    assert det.nimages() == norvexa.Ranged(7, 1, 1000000)
+    assert isinstance(det.nimages().value, int)
+    det.set_element("Mo")
+    element = det.element()
+    assert element.value == "Mo"
+    assert element.allowed == frozenset({"Ag", "Cr", "Cu", "Fe", "Ga", "In", "Mo", "Ti"})
+    assert det.trigger_mode().allowed == frozenset({"exte", "exts", "inte", "ints"})
+    det.set_pixel_mask_applied(False)
+    assert det.pixel_mask_applied() is False
+    assert (det.description(), det.detector_number()) == ("Norvexa simulated detector", "SIM-0001")
+    assert det.status() == "idle"
+    assert "count_time" in det.count_time.__doc__ and "abort" in det.count_time.__doc__
+
+
+@pytest.mark.parametrize("call, status, text", [
+    (lambda d: d.set_count_time(5000.0), 400, "count_time: value 5000 out of range [1e-05, 3600]"),
+    (lambda d: d.set_element("Xx"), 400, 'element: value Xx is not among the allowed values'),
+    (lambda d: d.trigger(), 400, "Command trigger not allowed in state idle"),
+])
+def test_a_refusal_carries_the_status_and_the_text(sim, call, status, text):
+    det = norvexa.Detector("127.0.0.1", sim.port)
+    with pytest.raises(norvexa.HttpException) as refused:
+        call(det)
+    assert refused.value.status == status
+    assert str(refused.value) == text
+
+
+def test_commands_walk_the_states(sim):
+    det = norvexa.Detector("127.0.0.1", sim.port)
+    det.arm()
+    assert det.status() == "ready"
+    det.disarm()
+    assert det.status() == "idle"
+    acquire(det, 2)
+
+
+def test_file_writer_lists_fetches_and_removes(sim, tmp_path):
+    det = norvexa.Detector("127.0.0.1", sim.port)
+    writer = norvexa.FileWriter("127.0.0.1", sim.port)
+    assert writer.enabled()
+    acquire(det, 2)
+    assert wait_until(lambda: len(writer.list_files()) >= 2, 10)
+    names = writer.list_files()
+    master = next(n for n in names if n.endswith("_master.h5"))
+    size = writer.download(master, tmp_path)
+    assert size == (tmp_path / master).stat().st_size > 0
+    writer.remove(master)
+    assert master not in writer.list_files()
+    with pytest.raises(norvexa.HttpException, match="not found") as missing:
+        writer.remove(master)
+    assert missing.value.status == 404
+    writer.set_enabled(False)
+    assert not writer.enabled()
+
+
+def test_monitor_hands_out_images_and_times_out(sim):
+    det = norvexa.Detector("127.0.0.1", sim.port)
+    monitor = norvexa.Monitor("127.0.0.1", sim.port)
+    monitor.set_buffer_size(3)
+    assert monitor.buffer_size() == 3
+    with pytest.raises(norvexa.TimeoutException):
+        monitor.next(timeout_ms=50)
+    acquire(det, 2)
+    frame = monitor.monitor_all(timeout_ms=2000)
+    assert (frame.series, frame.image_number) == (1, 2)
+    assert frame.image.data.shape == (48, 64)
+    assert monitor.monitor(timeout_ms=2000).data.shape == (48, 64)
+    monitor.clear()
+    with pytest.raises(norvexa.TimeoutException):
+        monitor.monitor(timeout_ms=50)
+
+
+def test_an_event_calls_off_a_slow_request(tmp_path):
+    slow = Simulator(tmp_path, "--delay-ms", "20000")
+    try:
+        det = norvexa.Detector("127.0.0.1", slow.port)
+        stop = threading.Event()
+        threading.Timer(0.2, stop.set).start()
+        start = time.monotonic()
+        with pytest.raises(norvexa.TerminateException, match="Operation aborted"):
+            det.status(abort=stop)
+        assert time.monotonic() - start < 5
+        # Set before the call: nothing is sent.
+        with pytest.raises(norvexa.TerminateException):
+            det.arm(abort=stop)
+    finally:
+        slow.stop()
+
+
+def test_threads_share_one_client(sim):
+    det = norvexa.Detector("127.0.0.1", sim.port)
+    results, errors = [], []
+
+    def work():
+        try:
+            for _ in range(10):
+                results.append(det.count_time().value)
+        except Exception as e:  # noqa: BLE001 - the test reports it
+            errors.append(e)
+
+    threads = [threading.Thread(target=work) for _ in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(30)
+    assert not errors and results == [0.001] * 40
