@@ -1,0 +1,211 @@
+"""read, open, write and Hdf5Writer against independent readers of the same files:
+fabio for CBF, TIFF and EDF, h5py for HDF5."""
+
+import os
+import pathlib
+import re
+
+os.environ.setdefault("HDF5_PLUGIN_PATH", "/usr/lib/x86_64-linux-gnu/hdf5/serial/plugins")
+
+import fabio  # noqa: E402
+import h5py  # noqa: E402
+import numpy as np  # noqa: E402
+import pytest  # noqa: E402
+
+import norvexa  # noqa: E402
+
+DATA = pathlib.Path(os.environ.get("NORVEXA_DATA_DIR", pathlib.Path(__file__).parents[2] / "data"))
+
+
+# The fixtures that both readers take as they are. Left out: the library's kept differences
+# (multi-strip and big-endian TIFF, EDF other than int32, CBF stored without compression)
+# and the one file fabio refuses.
+FABIO_FIXTURES = [
+    "cbf/cbflib_module.cbf", "cbf/cbflib_small.cbf", "cbf/fabio_module.cbf", "cbf/fabio_small.cbf",
+    "cbf/writer_module.cbf", "cbf/writer_small.cbf",
+    "edf/i32_7x5.edf", "edf/i32_64x33.edf", "edf/i32_97x103.edf",
+] + sorted(str(p.relative_to(DATA)) for p in (DATA / "tiff").glob("*.tif")
+           if not p.name.startswith(("strips_", "bigendian_")))
+
+
+@pytest.mark.parametrize("name", FABIO_FIXTURES)
+def test_pixels_match_fabio(name):
+    image = norvexa.read(DATA / name)
+    expected = fabio.open(str(DATA / name)).data
+    assert image.shape == expected.shape
+    np.testing.assert_array_equal(image.data, expected)
+    if expected.dtype.kind in "iuf":
+        assert image.dtype.kind == expected.dtype.kind
+
+
+def header_number(text, key):
+    match = re.search(r"# " + key + r"[:=\s]+\(?([-0-9.eE+]+)", text)
+    return float(match.group(1))
+
+
+def test_cbf_header_items_match_fabio():
+    path = DATA / "cbf" / "cbflib_module.cbf"
+    text = fabio.open(str(path)).header["_array_data.header_contents"]
+    metadata = norvexa.read(path).metadata
+    assert metadata.count_time == pytest.approx(header_number(text, "Exposure_time"))
+    assert metadata.frame_time == pytest.approx(header_number(text, "Exposure_period"))
+    assert metadata.wavelength == pytest.approx(header_number(text, "Wavelength"))
+    assert metadata.detector_distance == pytest.approx(header_number(text, "Detector_distance"))
+    assert metadata.threshold_energy == pytest.approx(header_number(text, "Threshold_setting"))
+    assert metadata.saturation_value == header_number(text, "Count_cutoff")
+    assert metadata.beam_center_x == pytest.approx(header_number(text, "Beam_xy"))
+    assert metadata.x_pixel_size == pytest.approx(header_number(text, "Pixel_size"))
+    assert metadata.filter_transmission == pytest.approx(header_number(text, "Filter_transmission"))
+    assert metadata.number_of_excluded_pixels == header_number(text, "N_excluded_pixels")
+    assert "Exposure_time" in metadata.raw_header
+
+
+def test_edf_header_item_matches_fabio():
+    path = DATA / "edf" / "i32_7x5.edf"
+    header = fabio.open(str(path)).header
+    assert norvexa.read(path).metadata.count_time == pytest.approx(float(header["count_time"]))
+
+
+@pytest.mark.parametrize("dtype", ["uint16", "uint32", "int32", "float32"])
+@pytest.mark.parametrize("compression", ["none", "lz4", "bslz4"])
+def test_hdf5_series_matches_h5py(dtype, compression):
+    master = DATA / "hdf5" / f"{dtype}_{compression}_master.h5"
+    with h5py.File(DATA / "hdf5" / f"{dtype}_{compression}_data_000001.h5", "r") as f:
+        first = f["/entry/data/data"][()]
+    with h5py.File(DATA / "hdf5" / f"{dtype}_{compression}_data_000002.h5", "r") as f:
+        second = f["/entry/data/data"][()]
+    expected = np.concatenate([first, second])
+    with norvexa.open(master) as series:
+        assert (series.first, series.last, len(series)) == (1, 5, 5)
+        frames = list(series)
+        assert len(frames) == 5
+        for frame, want in zip(frames, expected):
+            assert frame.dtype == want.dtype
+            np.testing.assert_array_equal(frame.data, want)
+        chunk = series.stored(4)
+        assert chunk.compression == compression
+        assert (chunk.width, chunk.height, chunk.dtype) == (19, 13, np.dtype(dtype))
+        np.testing.assert_array_equal(norvexa.Image(chunk).data, expected[3])
+        assert norvexa.Image(chunk).metadata.count_time == pytest.approx(0.1)
+    np.testing.assert_array_equal(norvexa.read(master, 2).data, expected[2])
+
+
+def test_hdf5_header_items_match_h5py():
+    master = DATA / "hdf5" / "uint32_bslz4_master.h5"
+    detector = "/entry/instrument/detector/"
+    with h5py.File(master, "r") as f:
+        want = {
+            "count_time": f[detector + "count_time"][()],
+            "frame_time": f[detector + "frame_time"][()],
+            "x_pixel_size": f[detector + "x_pixel_size"][()],
+            "detector_distance": f[detector + "detector_distance"][()],
+            "sensor_thickness": f[detector + "sensor_thickness"][()],
+            "threshold_energy": f[detector + "threshold_energy"][()],
+            "wavelength": f["/entry/instrument/beam/incident_wavelength"][()],
+            "bit_depth_readout": f[detector + "bit_depth_readout"][()],
+            "nimages": f[detector + "detectorSpecific/nimages"][()],
+            "description": f[detector + "description"][()].decode(),
+            "detector_number": f[detector + "detector_number"][()].decode(),
+            "sensor_material": f[detector + "sensor_material"][()].decode(),
+        }
+        mask = f[detector + "detectorSpecific/pixel_mask"][()]
+    with norvexa.open(master) as series:
+        frame = series[1]
+    items = frame.metadata.to_dict()
+    for name, value in want.items():
+        assert items[name] == (pytest.approx(value) if isinstance(value, float) else value), name
+    np.testing.assert_array_equal(frame.pixel_mask.data, mask)
+
+
+def test_series_errors_and_closing():
+    series = norvexa.open(DATA / "hdf5" / "int32_bslz4_master.h5")
+    with pytest.raises(norvexa.OutOfRangeException, match="Image number 6 out of range"):
+        series[6]
+    with pytest.raises(IndexError, match="Image number -1 out of range"):
+        series.stored(-1)
+    with series:
+        assert series[1].data[0, 0] == -1
+    assert series.closed
+    for use in (lambda: series[1], lambda: len(series), lambda: series.first, lambda: list(series)):
+        with pytest.raises(norvexa.RuntimeException, match=r"Image series .*int32_bslz4_master.h5 is closed"):
+            use()
+    series.close()  # closing twice is harmless
+
+
+def test_read_errors():
+    with pytest.raises(norvexa.NoFileAccessException) as info:
+        norvexa.read(DATA / "cbf" / "absent.cbf")
+    assert isinstance(info.value, OSError)
+    with pytest.raises(norvexa.UnknownFormatException, match=r"Format of .*small.raw not supported."):
+        norvexa.read(DATA / "cbf" / "small.raw")
+    with pytest.raises(norvexa.OutOfRangeException, match="Image index 1 out of range"):
+        norvexa.read(DATA / "cbf" / "fabio_small.cbf", 1)
+    with pytest.raises(norvexa.OutOfRangeException, match="Image index 5 out of range"):
+        norvexa.read(DATA / "hdf5" / "int32_none_master.h5", 5)
+
+
+@pytest.mark.parametrize("dtype", ["int32", "uint16", "uint32", "float32"])
+def test_written_cbf_and_tiff_read_back_in_fabio(tmp_path, dtype):
+    rng = np.random.default_rng(3)
+    array = rng.integers(0, 60000, (97, 103)).astype(dtype)
+    image = norvexa.Image(array)
+    image.metadata.count_time = 0.25
+    image.metadata.wavelength = 1.5
+    norvexa.write(image, tmp_path / "frame.tif")
+    np.testing.assert_array_equal(fabio.open(str(tmp_path / "frame.tif")).data, array)
+    norvexa.write(image, str(tmp_path / "frame.cbf"))
+    cbf = fabio.open(str(tmp_path / "frame.cbf"))
+    np.testing.assert_array_equal(cbf.data, array.astype(np.int32))
+    back = norvexa.read(tmp_path / "frame.cbf")
+    assert back.metadata.count_time == pytest.approx(0.25)
+    assert back.metadata.wavelength == pytest.approx(1.5)
+    with pytest.raises(norvexa.UnknownFormatException, match="File format is NONE"):
+        norvexa.write(image, tmp_path / "frame.png")
+
+
+def test_hdf5_writer_copies_stored_chunks_to_h5py(tmp_path):
+    source = DATA / "hdf5" / "uint32_bslz4_master.h5"
+    target = tmp_path / "copy_master.h5"
+    with norvexa.open(source) as series, norvexa.Hdf5Writer(target, 2, header=series) as writer:
+        expected = [series[n].data.copy() for n in range(series.first, series.last + 1)]
+        for n in range(series.first, series.last + 1):
+            writer.write(series.stored(n))
+    with pytest.raises(norvexa.RuntimeException, match="DHdfWriter not open"):
+        writer.write(norvexa.Image(expected[0]))
+    files = sorted(p.name for p in tmp_path.iterdir())
+    assert files == ["copy_master.h5"] + [f"copy_master_data_00000{i}.h5" for i in (1, 2, 3)]
+    with h5py.File(target, "r") as f:
+        assert f["/entry/instrument/detector/count_time"][()] == pytest.approx(0.1)
+    got = []
+    for name in files[1:]:
+        with h5py.File(tmp_path / name, "r") as f:
+            got.extend(f["/entry/data/data"][()])
+    assert len(got) == 5
+    for frame, want in zip(got, expected):
+        np.testing.assert_array_equal(frame, want)
+    with norvexa.open(target) as copy:
+        np.testing.assert_array_equal(copy[5].data, expected[4])
+
+
+@pytest.mark.parametrize("compression", ["bslz4", "lz4", "none"])
+def test_hdf5_writer_compresses_images(tmp_path, compression):
+    frames = [np.arange(i, i + 600, dtype=np.uint16).reshape(20, 30) for i in range(3)]
+    with norvexa.Hdf5Writer(tmp_path / "run.h5", 0, compression=compression) as writer:
+        for frame in frames:
+            writer.write(norvexa.Image(frame))
+    with h5py.File(tmp_path / "run.h5", "r") as f:
+        np.testing.assert_array_equal(f["/entry/data/data_000001"][()], np.stack(frames))
+    with norvexa.open(tmp_path / "run.h5") as series:
+        assert series.stored(1).compression == compression
+
+
+def test_hdf5_writer_refusals(tmp_path):
+    with pytest.raises(norvexa.BadParameterException, match="Number of images per file must not be negative"):
+        norvexa.Hdf5Writer(tmp_path / "a.h5", -1)
+    with pytest.raises(ValueError, match='Unknown compression "zip"'):
+        norvexa.Hdf5Writer(tmp_path / "a.h5", 1, compression="zip")
+    with pytest.raises(TypeError, match="header must be"):
+        norvexa.Hdf5Writer(tmp_path / "a.h5", 1, header=42)
+    with norvexa.Hdf5Writer(tmp_path / "b.h5", 1) as writer:
+        with pytest.raises(TypeError, match="takes an Image or a StoredChunk"):
+            writer.write(np.zeros((2, 2)))
