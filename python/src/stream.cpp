@@ -3,12 +3,12 @@
 // `abort=`. An image stays in the form it came in (a compressed chunk, usually) until the
 // caller asks for an Image.
 #include "abortable.h"
+#include "convert.h"
 
 #include "DImage.h"
 #include "DStreamClient.h"
 #include "DStreamObject.h"
 #include "foundation/DException.h"
-#include "foundation/image/DCompression.h"
 #include "foundation/nexus/DBasicNeXusTree.h"
 
 #include <pybind11/stl.h>
@@ -123,28 +123,6 @@ py::dict treeUnits(const nexus::DNeXusTree& tree)
     return result;
 }
 
-/// Width and height of an image as it came (0 for an empty one).
-std::pair<unsigned long, unsigned long> size2D(const DStreamData& d)
-{
-    const DStreamData::Image data = d.data();
-    const auto& shape = data.shape();
-    return {shape.size() > 0 ? shape[0] : 0, shape.size() > 1 ? shape[1] : 0};
-}
-
-const char* filterName(image::DCompression::FILTER filter)
-{
-    switch (filter) {
-    case image::DCompression::FILTER_LZ4:
-        return "lz4";
-    case image::DCompression::FILTER_BS16_LZ4:
-        return "bslz4-16";
-    case image::DCompression::FILTER_BS32_LZ4:
-        return "bslz4-32";
-    default:
-        return "none";
-    }
-}
-
 py::object message(DStreamObject object)
 {
     switch (object.type()) {
@@ -212,26 +190,24 @@ void initStream(py::module_& m)
 
     py::class_<DStreamData>(m, "StreamImage", R"doc(
 One image of a live series, in the form in which it came: plain pixels or a compressed
-chunk. Nothing is decoded until image() is called.)doc")
+chunk (`data`). Nothing is decoded until image() or norvexa.Image(message.data).)doc")
         .def_property_readonly("image_id", &DStreamData::imageId, "The image's number in the series (the wire's \"frame\").")
         .def_property_readonly(
-            "width", [](const DStreamData& d) { return size2D(d).first; },
-            "Width of the image in pixels.")
-        .def_property_readonly(
-            "height", [](const DStreamData& d) { return size2D(d).second; },
-            "Height of the image in pixels.")
-        .def_property_readonly(
-            "compression", [](const DStreamData& d) { return filterName(d.data().filter()); },
-            "How the pixels came: \"none\", \"lz4\", \"bslz4-16\" or \"bslz4-32\".")
-        .def_property_readonly(
-            "nbytes", [](const DStreamData& d) { return d.data().usedBytes(); },
-            "Bytes of the image as it came (compressed size for a chunk).")
+            "data",
+            [](const DStreamData& d) {
+                StoredChunk chunk;
+                chunk.pixels = d.data(); // shares the buffer, no copy of the pixels
+                return chunk;
+            },
+            "The image as it came, a StoredChunk (plain pixels or a compressed chunk, no\n"
+            "metadata): norvexa.Image(message.data) decodes it, Hdf5Writer.write(message.data)\n"
+            "stores it as it stands.")
         .def(
             "image",
             [](const DStreamData& d) {
-                DStreamData::Image data = d.data();
-                py::gil_scoped_release release;
-                return imglib::DImage(std::move(data));
+                StoredChunk chunk;
+                chunk.pixels = d.data();
+                return decodeChunk(chunk);
             },
             R"doc(Decodes the image.
 
@@ -241,9 +217,8 @@ Returns:
 Raises:
     ImageCorruptedException: the chunk does not decode.)doc")
         .def("__repr__", [](const DStreamData& d) {
-            const auto size = size2D(d);
-            return "<norvexa.StreamImage " + std::to_string(d.imageId()) + " " + std::to_string(size.first) +
-                   "x" + std::to_string(size.second) + " " + filterName(d.data().filter()) + ">";
+            return "<norvexa.StreamImage " + std::to_string(d.imageId()) + " " +
+                   py::repr(py::cast(d).attr("data")).cast<std::string>() + ">";
         });
 
     py::class_<DStreamEnd>(m, "StreamEnd", "The end of a live series.")
