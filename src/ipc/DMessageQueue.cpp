@@ -2,9 +2,11 @@
 
 #include "DImage.h"
 #include "DShmImage.h"
+#include "DTerminateException.h"
 #include "foundation/DAssert.h"
 #include "foundation/image/DAllocators.h"
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 #include <boost/interprocess/sync/file_lock.hpp>
@@ -40,6 +42,9 @@ constexpr std::size_t kMaxMessageSize = 4096;
 constexpr std::size_t kAdminSize = 4096;
 constexpr std::size_t kSegmentGrowth = 4194304;
 constexpr unsigned kPermissions = 0644;
+// An abortable call looks at its flag at least this often.
+constexpr long kAbortSliceMs = 100;
+const char* const kAborted = "Operation aborted";
 
 using image::ShmAllocator;
 using image::ShmSegment;
@@ -90,6 +95,34 @@ struct Crossing<DStdDrawingList> {
     throw DMessageQueueException("DMessageQueue " + name + " is not open.");
 }
 
+/// The end of the next slice of an abortable wait, on the clock of the timed waits.
+boost::posix_time::ptime sliceEnd()
+{
+    return boost::posix_time::microsec_clock::universal_time() + boost::posix_time::milliseconds(kAbortSliceMs);
+}
+
+void throwIfAborted(const std::atomic<bool>* abort)
+{
+    if (abort && *abort)
+        throw DTerminateException(kAborted);
+}
+
+/// Waits on `condition` until `ready()`; with an abort flag, in slices, leaving by
+/// DTerminateException (with nothing changed) once the flag is set.
+template <class Ready>
+void waitUntil(MessageCondition& condition, bip::scoped_lock<bip::interprocess_mutex>& lock,
+               const std::atomic<bool>* abort, Ready ready)
+{
+    while (!ready()) {
+        if (abort) {
+            condition.condition.timed_wait(lock, sliceEnd());
+            throwIfAborted(abort);
+        } else {
+            condition.condition.wait(lock);
+        }
+    }
+}
+
 /// Creates the file if it is missing, as opening an output stream for appending does.
 void touch(const std::string& path) { std::ofstream stream(path, std::ios::app); }
 
@@ -133,10 +166,13 @@ public:
             bip::shared_memory_object::remove(object->c_str());
     }
 
+    /// `abort`, when given, makes the wait for the slot abortable.
     template <class Data>
-    void sendObject(const Data& data);
+    void sendObject(const Data& data, const std::atomic<bool>* abort);
     template <class Data>
-    void receiveObject(Data& data);
+    void receiveObject(Data& data, const std::atomic<bool>* abort);
+    void sendText(const std::string& text, const std::atomic<bool>* abort);
+    std::string receiveText(const std::atomic<bool>* abort);
 
     std::unique_ptr<bip::message_queue> queueIn;
     std::unique_ptr<bip::message_queue> queueOut;
@@ -154,16 +190,16 @@ public:
 };
 
 template <class Data>
-void DMessageQueuePrivate::sendObject(const Data& data)
+void DMessageQueuePrivate::sendObject(const Data& data, const std::atomic<bool>* abort)
 {
     using ShmData = typename Crossing<Data>::Shared;
     if (!admin)
         throwNotOpen(name);
+    throwIfAborted(abort);
     MessageCondition& condition = *condOut;
     try {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
-        while (condition.flag == 0)
-            condition.condition.wait(lock);
+        waitUntil(condition, lock, abort, [&] { return condition.flag != 0; });
         condition.flag = 0;
         for (std::size_t size = Crossing<Data>::firstSize(data);; size += kSegmentGrowth) {
             // A segment left by an earlier message is taken as it is, whatever its size.
@@ -190,16 +226,16 @@ void DMessageQueuePrivate::sendObject(const Data& data)
 }
 
 template <class Data>
-void DMessageQueuePrivate::receiveObject(Data& data)
+void DMessageQueuePrivate::receiveObject(Data& data, const std::atomic<bool>* abort)
 {
     using ShmData = typename Crossing<Data>::Shared;
     if (!admin)
         throwNotOpen(name);
+    throwIfAborted(abort);
     MessageCondition& condition = *condIn;
     try {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
-        while (condition.flag != 0)
-            condition.condition.wait(lock);
+        waitUntil(condition, lock, abort, [&] { return condition.flag == 0; });
         ShmSegment messageData(bip::open_only, dataInName.c_str());
         const ShmData* shmData = messageData.find<ShmData>(typeid(Data).name()).first;
         NORVEXA_ASSERT(shmData, "receive");
@@ -298,40 +334,74 @@ void DMessageQueue::close()
         text->clear();
 }
 
-void DMessageQueue::send(const std::string& text)
+void DMessageQueuePrivate::sendText(const std::string& text, const std::atomic<bool>* abort)
 {
-    if (!_d->queueOut)
-        throwNotOpen(_d->name);
+    if (!queueOut)
+        throwNotOpen(name);
     if (text.size() > kMaxMessageSize)
         throw DMessageQueueException("Maximum message length exceeded (4096 characters)");
+    throwIfAborted(abort);
     try {
-        _d->queueOut->send(text.data(), text.size(), 0);
+        if (!abort) {
+            queueOut->send(text.data(), text.size(), 0);
+            return;
+        }
+        while (!queueOut->timed_send(text.data(), text.size(), 0, sliceEnd()))
+            throwIfAborted(abort);
     } catch (const bip::interprocess_exception& e) {
         throw DMessageQueueException(e.what());
     }
 }
 
-std::string DMessageQueue::receive()
+std::string DMessageQueuePrivate::receiveText(const std::atomic<bool>* abort)
 {
-    if (!_d->queueIn)
-        throwNotOpen(_d->name);
+    if (!queueIn)
+        throwNotOpen(name);
+    throwIfAborted(abort);
     char buffer[kMaxMessageSize];
     bip::message_queue::size_type received = 0;
     unsigned int priority = 0;
     try {
-        _d->queueIn->receive(buffer, sizeof buffer, received, priority);
+        if (!abort)
+            queueIn->receive(buffer, sizeof buffer, received, priority);
+        else
+            while (!queueIn->timed_receive(buffer, sizeof buffer, received, priority, sliceEnd()))
+                throwIfAborted(abort);
     } catch (const bip::interprocess_exception& e) {
         throw DMessageQueueException(e.what());
     }
     return std::string(buffer, received);
 }
 
-void DMessageQueue::send(const DImage& image) { _d->sendObject(image); }
-void DMessageQueue::send(const DArray<DPixel>& array) { _d->sendObject(array); }
-void DMessageQueue::send(const DStdDrawingList& list) { _d->sendObject(list); }
-void DMessageQueue::receive(DImage& image) { _d->receiveObject(image); }
-void DMessageQueue::receive(DArray<DPixel>& array) { _d->receiveObject(array); }
-void DMessageQueue::receive(DStdDrawingList& list) { _d->receiveObject(list); }
+void DMessageQueue::send(const std::string& text) { _d->sendText(text, nullptr); }
+std::string DMessageQueue::receive() { return _d->receiveText(nullptr); }
+void DMessageQueue::send(const DImage& image) { _d->sendObject(image, nullptr); }
+void DMessageQueue::send(const DArray<DPixel>& array) { _d->sendObject(array, nullptr); }
+void DMessageQueue::send(const DStdDrawingList& list) { _d->sendObject(list, nullptr); }
+void DMessageQueue::receive(DImage& image) { _d->receiveObject(image, nullptr); }
+void DMessageQueue::receive(DArray<DPixel>& array) { _d->receiveObject(array, nullptr); }
+void DMessageQueue::receive(DStdDrawingList& list) { _d->receiveObject(list, nullptr); }
+
+void DMessageQueue::send(const std::string& text, const std::atomic<bool>& abort) { _d->sendText(text, &abort); }
+std::string DMessageQueue::receive(const std::atomic<bool>& abort) { return _d->receiveText(&abort); }
+void DMessageQueue::send(const DImage& image, const std::atomic<bool>& abort) { _d->sendObject(image, &abort); }
+void DMessageQueue::send(const DArray<DPixel>& array, const std::atomic<bool>& abort)
+{
+    _d->sendObject(array, &abort);
+}
+void DMessageQueue::send(const DStdDrawingList& list, const std::atomic<bool>& abort)
+{
+    _d->sendObject(list, &abort);
+}
+void DMessageQueue::receive(DImage& image, const std::atomic<bool>& abort) { _d->receiveObject(image, &abort); }
+void DMessageQueue::receive(DArray<DPixel>& array, const std::atomic<bool>& abort)
+{
+    _d->receiveObject(array, &abort);
+}
+void DMessageQueue::receive(DStdDrawingList& list, const std::atomic<bool>& abort)
+{
+    _d->receiveObject(list, &abort);
+}
 
 } // namespace imglib
 } // namespace norvexa

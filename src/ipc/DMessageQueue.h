@@ -5,6 +5,7 @@
 #include "DMessageQueueException.h"
 #include "DPixel.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -37,6 +38,14 @@ class DMessageQueuePrivate;
 /// one message to the next, and grown by 4 MiB steps when an object does not fit. After
 /// a failure inside the object channel the slot stays as it was left (a failed send
 /// leaves it occupied); both sides then have to open the queue anew.
+///
+/// Each blocking call has a twin with a trailing abort flag (std::atomic<bool>), for a
+/// thread that must be able to call the wait off: it waits in slices of at most 100 ms,
+/// looks at the flag before the first and after each, and once the flag is set leaves by
+/// DTerminateException "Operation aborted", with the queue and its slot as they were (an
+/// aborted send leaves nothing behind; an aborted receive leaves the message for the next
+/// receive). Only the wait is abortable: an object that has started to cross is
+/// finished.
 ///
 /// Every failure is a DMessageQueueException: "DMessageQueue <name> is not open." for a
 /// queue that is not open (the name is empty after close()), "Maximum message length
@@ -73,6 +82,16 @@ public:
     void receive(DImage& image);
     void receive(DArray<DPixel>& array);
     void receive(DStdDrawingList& list);
+
+    /// The same calls, abortable by `abort` (DTerminateException).
+    void send(const std::string& text, const std::atomic<bool>& abort);
+    void send(const DImage& image, const std::atomic<bool>& abort);
+    void send(const DArray<DPixel>& array, const std::atomic<bool>& abort);
+    void send(const DStdDrawingList& list, const std::atomic<bool>& abort);
+    std::string receive(const std::atomic<bool>& abort);
+    void receive(DImage& image, const std::atomic<bool>& abort);
+    void receive(DArray<DPixel>& array, const std::atomic<bool>& abort);
+    void receive(DStdDrawingList& list, const std::atomic<bool>& abort);
 
 private:
     std::unique_ptr<DMessageQueuePrivate> _d;

@@ -2,14 +2,18 @@
 
 #include "DImage.h"
 #include "DMessageQueue.h"
+#include "DTerminateException.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <sstream>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include <poll.h>
@@ -396,4 +400,61 @@ TEST_F(MessageQueue, FramesListsAndArraysArriveUnchanged)
     q.receive(back);
     EXPECT_EQ(back.vector(), DArray<DPixel>(4, DPixel{}).vector());
     EXPECT_EQ(echoing.join(), 0);
+}
+
+TEST_F(MessageQueue, AnAbortFlagEndsEveryBlockingCallAndLeavesTheQueueAsItWas)
+{
+    using namespace std::chrono_literals;
+    DMessageQueue q(queue);
+    for (int i = 0; i < 100; ++i)
+        q.send(std::to_string(i));
+    q.send(pixels(3, 1)); // the slot towards the sub side is taken
+    DImage image;
+    DStdDrawingList list;
+    DArray<DPixel> array;
+    const std::pair<const char*, std::function<void(const std::atomic<bool>&)>> calls[] = {
+        {"send text", [&](const std::atomic<bool>& abort) { q.send(std::string("late"), abort); }},
+        {"send image", [&](const std::atomic<bool>& abort) { q.send(DImage(2, 2, 0u), abort); }},
+        {"send array", [&](const std::atomic<bool>& abort) { q.send(pixels(5, 2), abort); }},
+        {"send list", [&](const std::atomic<bool>& abort) { q.send(spots(2), abort); }},
+        {"receive text", [&](const std::atomic<bool>& abort) { q.receive(abort); }},
+        {"receive image", [&](const std::atomic<bool>& abort) { q.receive(image, abort); }},
+        {"receive array", [&](const std::atomic<bool>& abort) { q.receive(array, abort); }},
+        {"receive list", [&](const std::atomic<bool>& abort) { q.receive(list, abort); }},
+    };
+    for (const auto& [label, call] : calls) {
+        SCOPED_TRACE(label);
+        std::atomic<bool> abort{false};
+        const auto start = std::chrono::steady_clock::now();
+        std::thread caller([&] {
+            std::this_thread::sleep_for(50ms);
+            abort = true;
+        });
+        EXPECT_THROW_MSG(call(abort), DTerminateException, "Operation aborted");
+        caller.join();
+        // Slices of 100 ms end it well within this; a wait that ignores the flag never ends.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+        EXPECT_THROW_MSG(call(abort), DTerminateException, "Operation aborted");
+    }
+
+    // Nothing of the aborted sends went over, and what the sub side sends comes in.
+    Peer sub([&](Peer&) {
+        DMessageQueue q(queue);
+        for (int i = 0; i < 100; ++i)
+            if (q.receive() != std::to_string(i))
+                return 1;
+        DArray<DPixel> first, second;
+        q.receive(first);
+        q.send("answer");
+        q.send(spots(2));
+        q.receive(second);
+        return first.vector() == pixels(3, 1).vector() && second.vector() == pixels(4, 4).vector() ? 0 : 2;
+    });
+    const std::atomic<bool> set{true}, clear{false};
+    EXPECT_THROW_MSG(q.receive(set), DTerminateException, "Operation aborted");
+    EXPECT_EQ(q.receive(clear), "answer") << "an aborted receive leaves the message";
+    q.receive(list, clear);
+    EXPECT_EQ(fingerprint(list), fingerprint(spots(2)));
+    q.send(pixels(4, 4), clear);
+    EXPECT_EQ(sub.join(), 0);
 }
