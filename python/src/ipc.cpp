@@ -1,6 +1,6 @@
 // MessageQueue: the shared-memory channel between two processes of one machine. Texts,
 // Images, DrawingLists and pixel lists (numpy arrays of pixel_dtype) cross it; every wait
-// releases the GIL.
+// goes through runAbortable() (GIL released, Ctrl-C, `abort=`) and the queue's abort flag.
 #include "abortable.h"
 #include "drawing.h"
 
@@ -8,6 +8,7 @@
 #include "DMessageQueue.h"
 
 #include <memory>
+#include <shared_mutex>
 #include <string>
 
 namespace norvexa {
@@ -33,31 +34,35 @@ struct Queue {
             throw imglib::DMessageQueueException("DMessageQueue " + name + " is not open.");
         return *queue;
     }
+    /// Waits for the calls of other threads to end (they hold `inUse` shared), then closes.
     void close()
     {
         py::gil_scoped_release release;
+        std::unique_lock<std::shared_mutex> lock(inUse);
         queue.reset();
     }
 
     std::string name;
     std::unique_ptr<DMessageQueue> queue;
+    std::shared_mutex inUse;
 };
 
-/// `work(queue)` with the GIL released.
+/// `work(queue, flag)` as an abortable call: the queue's own abort-flag overloads end the
+/// wait. Several threads may wait on one queue at once.
 template <class Work>
 auto blocking(Queue& q, const py::object& abort, Work work)
 {
-    DMessageQueue& queue = q.open();
-    if (!abort.is_none() && py::bool_(abort.attr("is_set")()))
-        throw imglib::DTerminateException("Operation aborted");
-    py::gil_scoped_release release;
-    return work(queue);
+    return runAbortable(abort, [&](const std::atomic<bool>& flag) {
+        std::shared_lock<std::shared_mutex> lock(q.inUse);
+        return work(q.open(), flag);
+    });
 }
 
 #define ABORT_ARG "    abort: a threading.Event (or None); setting it from another thread ends the wait.\n"
 #define QUEUE_RAISES                                                                               \
     "    MessageQueueException: the queue is closed, or an inter-process primitive failed.\n"     \
-    "    TerminateException: `abort` was set.\n"
+    "    KeyboardInterrupt: Ctrl-C during the wait (it ends within about 100 ms).\n"               \
+    "    TerminateException: `abort` was set; the message stays for the next receive.\n"
 
 } // namespace
 
@@ -93,16 +98,16 @@ Example:
             [](Queue& q, const py::object& object, const py::object& abort) {
                 if (py::isinstance<py::str>(object)) {
                     const std::string text = object.cast<std::string>();
-                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(text); });
+                    blocking(q, abort, [&](DMessageQueue& queue, const std::atomic<bool>& flag) { queue.send(text, flag); });
                 } else if (py::isinstance<DImage>(object)) {
                     const DImage& image = object.cast<const DImage&>();
-                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(image); });
+                    blocking(q, abort, [&](DMessageQueue& queue, const std::atomic<bool>& flag) { queue.send(image, flag); });
                 } else if (py::isinstance<DStdDrawingList>(object)) {
                     const DStdDrawingList& list = object.cast<const DStdDrawingList&>();
-                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(list); });
+                    blocking(q, abort, [&](DMessageQueue& queue, const std::atomic<bool>& flag) { queue.send(list, flag); });
                 } else if (isPixelArray(object)) {
                     const DArray<DPixel> pixels = arrayToPixels(object);
-                    blocking(q, abort, [&](DMessageQueue& queue) { queue.send(pixels); });
+                    blocking(q, abort, [&](DMessageQueue& queue, const std::atomic<bool>& flag) { queue.send(pixels, flag); });
                 } else {
                     throw py::type_error("MessageQueue.send takes a str, an Image, a DrawingList or a "
                                          "numpy array of norvexa.pixel_dtype, not " +
@@ -123,12 +128,13 @@ Raises:
     TypeError: anything else.
     MessageQueueException: "Maximum message length exceeded (4096 characters)", a closed
         queue, or a failed inter-process primitive.
-    TerminateException: `abort` was set.)doc")
+    KeyboardInterrupt: Ctrl-C during the wait (it ends within about 100 ms).
+    TerminateException: `abort` was set; nothing was sent.)doc")
         .def(
             "receive",
             [](Queue& q, const py::object& abort) {
                 const std::string text =
-                    blocking(q, abort, [](DMessageQueue& queue) { return queue.receive(); });
+                    blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) { return queue.receive(flag); });
                 // Bytes that are no UTF-8 (a peer in another language) survive as escapes.
                 return py::reinterpret_steal<py::str>(PyUnicode_DecodeUTF8(
                     text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape"));
@@ -139,9 +145,9 @@ Raises:
         .def(
             "receive_image",
             [](Queue& q, const py::object& abort) {
-                return blocking(q, abort, [](DMessageQueue& queue) {
+                return blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
                     DImage image;
-                    queue.receive(image);
+                    queue.receive(image, flag);
                     return image;
                 });
             },
@@ -152,9 +158,9 @@ Raises:
         .def(
             "receive_drawing_list",
             [](Queue& q, const py::object& abort) {
-                return blocking(q, abort, [](DMessageQueue& queue) {
+                return blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
                     DStdDrawingList list;
-                    queue.receive(list);
+                    queue.receive(list, flag);
                     return list;
                 });
             },
@@ -165,9 +171,9 @@ Raises:
         .def(
             "receive_pixels",
             [](Queue& q, const py::object& abort) {
-                DArray<DPixel> pixels = blocking(q, abort, [](DMessageQueue& queue) {
+                DArray<DPixel> pixels = blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
                     DArray<DPixel> received;
-                    queue.receive(received);
+                    queue.receive(received, flag);
                     return received;
                 });
                 return pixelsToArray(pixels);
@@ -177,8 +183,8 @@ Raises:
             "have sent a pixel list.\n\nArgs:\n" ABORT_ARG
             "\nReturns:\n    a 1-D numpy array of norvexa.pixel_dtype (fields x, y, value).\n\nRaises:\n" QUEUE_RAISES)
         .def("close", &Queue::close,
-             "Leaves the queue; the main side removes the shared objects. Harmless when closed.\n"
-             "Not while another thread of this process waits on the queue.")
+             "Leaves the queue once the calls of other threads on it have ended; the main side\n"
+             "removes the shared objects. Harmless when closed already.")
         .def("__enter__", [](py::object self) { return self; })
         .def(
             "__exit__", [](Queue& q, const py::args&) { q.close(); }, "Closes the queue.")

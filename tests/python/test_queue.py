@@ -76,9 +76,9 @@ def test_what_the_queue_refuses():
         with pytest.raises(TypeError, match="pixel_dtype"):
             queue.send(np.zeros((2, 2), norvexa.pixel_dtype))
         stop = threading.Event()
-        stop.set()
-        with pytest.raises(norvexa.TerminateException):
-            queue.receive(abort=stop)
+        threading.Timer(0.2, stop.set).start()
+        with pytest.raises(norvexa.TerminateException, match="Operation aborted"):
+            queue.receive_image(abort=stop)  # nobody sends: only the event ends it
     assert queue.closed
     with pytest.raises(norvexa.MessageQueueException, match="is not open"):
         queue.send("late")

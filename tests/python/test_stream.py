@@ -100,19 +100,22 @@ def test_waits_end_by_timeout_and_by_event():
 
 CTRL_C_CHILD = """
 import time, norvexa
-stream = norvexa.Stream("127.0.0.1", {port})
+{setup}
 print("waiting", flush=True)
 try:
-    for message in stream.messages():
-        pass
+    {wait}
 except KeyboardInterrupt:
     print(time.monotonic(), flush=True)  # one clock for both processes
     raise
 """
 
 
-def test_ctrl_c_ends_a_blocking_wait_with_keyboard_interrupt():
-    child = python_child(CTRL_C_CHILD.format(port=free_port()))
+@pytest.mark.parametrize("setup, wait", [
+    ('stream = norvexa.Stream("127.0.0.1", {port})', "for message in stream.messages(): pass"),
+    ('queue = norvexa.MessageQueue("pytest_ctrl_c_{port}")', "queue.receive()"),
+], ids=["stream", "queue"])
+def test_ctrl_c_ends_a_blocking_wait_with_keyboard_interrupt(setup, wait):
+    child = python_child(CTRL_C_CHILD.format(setup=setup.format(port=free_port()), wait=wait))
     try:
         assert child.stdout.readline() == "waiting\n", child.stderr.read()
         time.sleep(0.3)  # into the wait
