@@ -134,14 +134,5 @@ auto runAbortable(const py::object& abort, Call&& call, std::timed_mutex* serial
     return future.get();
 }
 
-/// The docstring line of the `abort` argument, shared by every blocking call.
-#define NORVEXA_ABORT_DOC                                                                          \
-    "    abort: a threading.Event (or None); setting it from another thread ends the call.\n"
-
-/// The docstring lines of what every blocking call raises besides its own failures.
-#define NORVEXA_ABORT_RAISES                                                                       \
-    "    KeyboardInterrupt: Ctrl-C during the call (it ends within about 100 ms).\n"               \
-    "    TerminateException: `abort` was set.\n"
-
 } // namespace python
 } // namespace norvexa

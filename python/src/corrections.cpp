@@ -194,7 +194,7 @@ Raises:
         different sizes.)doc")
         .def_property_readonly("count", &DBrennikCalibration::count, "Images in the stack.")
         .def(
-            "__len__", &DBrennikCalibration::count)
+            "__len__", &DBrennikCalibration::count, "Images in the stack.")
         .def_property_readonly(
             "result", [](const DBrennikCalibration& c) { return DImage(c.result()); },
             "A copy of the last x_at_y or inflection_point result (the first image's size and\n"

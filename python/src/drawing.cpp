@@ -232,7 +232,7 @@ Example:
             "append", [](DStdDrawingList& l, const DDrawingPrimitive& p) { l.pushBack(p); }, py::arg("shape"),
             "Appends a copy of the shape.\n\nArgs:\n    shape: a DrawingPixel, DrawingLine, DrawingString or DrawingEllipse.\n\n"
             "Raises:\n    TypeError: anything else.")
-        .def("__len__", &DStdDrawingList::size)
+        .def("__len__", &DStdDrawingList::size, "The number of shapes.")
         .def(
             "__getitem__",
             [](const DStdDrawingList& l, long i) {
@@ -245,13 +245,15 @@ Example:
             py::arg("index"),
             "A copy of the shape at `index` (negative counts from the end), as its own class.\n\n"
             "Raises:\n    OutOfRangeException (an IndexError): no such shape.")
-        .def("__iter__",
-             [](const DStdDrawingList& l) {
-                 py::list items;
-                 for (unsigned long i = 0; i < l.size(); ++i)
-                     items.append(concrete(l[i]));
-                 return items.attr("__iter__")();
-             })
+        .def(
+            "__iter__",
+            [](const DStdDrawingList& l) {
+                py::list items;
+                for (unsigned long i = 0; i < l.size(); ++i)
+                    items.append(concrete(l[i]));
+                return items.attr("__iter__")();
+            },
+            "Copies of the shapes, in order, each as its own class.")
         .def("__eq__",
              [](const DStdDrawingList& a, const py::object& b) {
                  if (!py::isinstance<DStdDrawingList>(b))

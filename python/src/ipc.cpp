@@ -185,7 +185,7 @@ Raises:
         .def("close", &Queue::close,
              "Leaves the queue once the calls of other threads on it have ended; the main side\n"
              "removes the shared objects. Harmless when closed already.")
-        .def("__enter__", [](py::object self) { return self; })
+        .def("__enter__", [](py::object self) { return self; }, "The queue itself.")
         .def(
             "__exit__", [](Queue& q, const py::args&) { q.close(); }, "Closes the queue.")
         .def("__repr__", [](const Queue& q) {

@@ -181,6 +181,15 @@ void initStream(py::module_& m)
             "config[\"/entry/instrument/detector/count_time\"]; empty for the header detail \"none\".\n"
             "Texts are str, scalars int/float/bool, arrays lists.")
         .def_property_readonly(
+            "metadata",
+            [](const DStreamConfig& c) {
+                imglib::DImageOptionalData metadata;
+                metadata.neXus() = c.config();
+                return metadata;
+            },
+            "The configuration as a Metadata (count_time, wavelength, ... read from the tree);\n"
+            "Hdf5Writer(path, n, header=message.metadata) starts its files from it.")
+        .def_property_readonly(
             "units", [](const DStreamConfig& c) { return treeUnits(c.config()); },
             "The \"units\" attribute of each configuration item that has one, as {path: unit}.")
         .def("__repr__", [](const DStreamConfig& c) {
@@ -228,14 +237,17 @@ Raises:
         });
 
     py::class_<Messages>(m, "StreamMessages", "The iterator that Stream.messages() returns.")
-        .def("__iter__", [](py::object self) { return self; })
-        .def("__next__", [](Messages& it) {
-            if (it.finished)
-                throw py::stop_iteration();
-            py::object next = pop(it.stream.cast<Stream&>(), it.timeout, it.abort);
-            it.finished = py::isinstance<DStreamEnd>(next);
-            return next;
-        });
+        .def("__iter__", [](py::object self) { return self; }, "The iterator itself.")
+        .def(
+            "__next__",
+            [](Messages& it) {
+                if (it.finished)
+                    throw py::stop_iteration();
+                py::object next = pop(it.stream.cast<Stream&>(), it.timeout, it.abort);
+                it.finished = py::isinstance<DStreamEnd>(next);
+                return next;
+            },
+            "The next message; StopIteration after the end message.\n\nRaises:\n" RECEIVE_RAISES);
 
     py::class_<Stream>(m, "Stream", R"doc(
 The receiving end of a detector's live stream: a ZeroMQ socket connected to
@@ -288,7 +300,7 @@ Example:
             "are lost. Harmless when closed already.")
         .def_property_readonly(
             "closed", [](const Stream& s) { return !s.client; }, "Whether close() was called.")
-        .def("__enter__", [](py::object self) { return self; })
+        .def("__enter__", [](py::object self) { return self; }, "The stream itself.")
         .def(
             "__exit__", [](Stream& s, const py::args&) { s.close(); },
             "Closes the socket.")

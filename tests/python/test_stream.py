@@ -54,11 +54,13 @@ def test_a_series_arrives_as_header_images_and_end(sim, tmp_path):
     # The chunks go into a file as they came; h5py with the Debian filters reads them back.
     h5py = pytest.importorskip("h5py")
     path = tmp_path / "live.h5"
-    with norvexa.Hdf5Writer(path, 0) as writer:
+    assert header.metadata.count_time == pytest.approx(0.001, rel=1e-3)
+    with norvexa.Hdf5Writer(path, 0, header=header.metadata) as writer:
         for image in images:
             writer.write(image.data)
     with h5py.File(path) as f:
         stored = f["/entry/data/data_000001"][()]
+        assert f["/entry/instrument/detector/count_time"][()] == pytest.approx(0.001, rel=1e-3)
     np.testing.assert_array_equal(stored, np.stack(frames))
 
 
