@@ -6,16 +6,20 @@
 #include "convert.h"
 
 #include "DImage.h"
+#include "DHttpClient.h"
+#include "DOrvikStream.h"
 #include "DStreamClient.h"
 #include "DStreamObject.h"
 #include "foundation/DException.h"
 #include "foundation/nexus/DBasicNeXusTree.h"
+#include "orviktools.h"
 
 #include <pybind11/stl.h>
 
 #include <cmath>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,9 +45,26 @@ struct Stream {
         client.reset();
     }
 
-    Stream(std::string host, int port)
+    Stream(std::string host, int port, std::optional<int> restPort)
         : host(std::move(host)), port(port), client(std::make_unique<DStreamClient>(this->host, port))
     {
+        if (restPort)
+            rest = std::make_unique<imglib::DHttpClient>(this->host, *restPort);
+    }
+    /// The stream interface's REST control, as DOrvikStream has it, on its own client and
+    /// lock: a receive that waits does not hold up a switch of the mode.
+    template <class Work>
+    auto control(const py::object& abort, Work work)
+    {
+        if (!rest)
+            throw DRuntimeException("Stream " + host + ":" + std::to_string(port) +
+                                    " has no REST control: give rest_port");
+        return runAbortable(
+            abort, [&](const std::atomic<bool>& flag) { return work(*rest, flag); }, &restSerial);
+    }
+    static std::string config(const char* name)
+    {
+        return std::string("/stream/api/") + imglib::DOrvikStream::API_VERSION + "/config/" + name;
     }
     DStreamClient& open() const
     {
@@ -56,6 +77,8 @@ struct Stream {
     int port;
     std::unique_ptr<DStreamClient> client;
     std::timed_mutex serial;
+    std::unique_ptr<imglib::DHttpClient> rest;
+    std::timed_mutex restSerial;
 };
 
 /// The value of a dataset or attribute: str for a text, a number for a scalar, a list of
@@ -162,6 +185,11 @@ struct Messages {
 };
 
 #define ABORT_ARG "    abort: a threading.Event (or None); setting it from another thread ends the wait.\n"
+#define CONTROL_RAISES                                                                             \
+    "    RuntimeException: no rest_port was given; a failed transfer or reply.\n"                 \
+    "    HttpException: the server refused (.status is the HTTP status, str(e) its text).\n"      \
+    "    KeyboardInterrupt: Ctrl-C during the call (it ends within about 100 ms).\n"               \
+    "    TerminateException: `abort` was set.\n"
 #define RECEIVE_RAISES                                                                             \
     "    TimeoutException: no message within `timeout` (.time: the seconds waited).\n"             \
     "    RuntimeException: a malformed message (the next receive goes on with the next one),\n"    \
@@ -258,14 +286,21 @@ the background: a detector that is not up yet is no failure here.
 Every receive releases the GIL, ends on Ctrl-C (KeyboardInterrupt) and takes a keyword
 `abort`, a threading.Event whose setting ends it (TerminateException).
 
+With `rest_port`, the stream interface's REST control on the detector's HTTP port comes
+along: set_enabled(), set_header_detail(), dropped(), as the detector's other clients have
+them (one HTTP exchange each, GIL released, Ctrl-C, `abort=`).
+
 Example:
-    with norvexa.Stream("127.0.0.1", 9999) as stream:
+    with norvexa.Stream("127.0.0.1", 9999, rest_port=80) as stream:
+        stream.set_enabled(True)
         for message in stream.messages(timeout=5):
             if isinstance(message, norvexa.StreamImage):
-                frame = message.image()
+                frame = norvexa.Image(message.data)
 )doc")
-        .def(py::init<std::string, int>(), py::arg("host"), py::arg("port") = 9999,
-             "Stream(host, port=9999): a socket connected to the stream's data port.\n\nRaises:\n"
+        .def(py::init<std::string, int, std::optional<int>>(), py::arg("host"), py::arg("port") = 9999,
+             py::kw_only(), py::arg("rest_port") = py::none(),
+             "Stream(host, port=9999, *, rest_port=None): a socket connected to the stream's data\n"
+             "port, and with rest_port the REST control of the stream interface.\n\nRaises:\n"
              "    RuntimeException: the socket could not be made.")
         .def_readonly("host", &Stream::host, "The detector's host.")
         .def_readonly("port", &Stream::port, "The stream's data port.")
@@ -294,6 +329,68 @@ Example:
             "\nReturns:\n    an iterator of StreamHeader, StreamImage and StreamEnd.\n\n"
             "Raises (from the iteration):\n"
             "    BadParameterException: a timeout that is not positive (at the call).\n" RECEIVE_RAISES)
+        .def(
+            "version",
+            [](Stream& s, const py::object& abort) {
+                return s.control(abort, [](imglib::DHttpClient& c, const std::atomic<bool>& f) {
+                    return imglib::orviktools::httpGetValue<std::string>("/stream/api/version/", c, f);
+                });
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "The server's version of the stream interface.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    str\n\nRaises:\n" CONTROL_RAISES)
+        .def(
+            "enabled",
+            [](Stream& s, const py::object& abort) {
+                return s.control(abort, [](imglib::DHttpClient& c, const std::atomic<bool>& f) {
+                    return imglib::orviktools::httpGetEnabled(Stream::config("mode"), c, f);
+                });
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "Whether the stream's mode is \"enabled\".\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    bool\n\nRaises:\n" CONTROL_RAISES)
+        .def(
+            "set_enabled",
+            [](Stream& s, bool value, const py::object& abort) {
+                s.control(abort, [value](imglib::DHttpClient& c, const std::atomic<bool>& f) {
+                    imglib::orviktools::httpPutEnabled(Stream::config("mode"), c, value, f);
+                });
+            },
+            py::arg("value"), py::kw_only(), py::arg("abort") = py::none(),
+            "Switches the detector's stream on or off (the mode \"enabled\" or \"disabled\").\n\n"
+            "Args:\n    value: bool.\n" ABORT_ARG "\nRaises:\n" CONTROL_RAISES)
+        .def(
+            "header_detail",
+            [](Stream& s, const py::object& abort) {
+                return s.control(abort, [](imglib::DHttpClient& c, const std::atomic<bool>& f) {
+                    return imglib::orviktools::httpGetValue<std::string>(Stream::config("header_detail"), c, f);
+                });
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "How much configuration the headers carry.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    str: \"none\", \"basic\" or \"all\".\n\nRaises:\n" CONTROL_RAISES)
+        .def(
+            "set_header_detail",
+            [](Stream& s, const std::string& value, const py::object& abort) {
+                s.control(abort, [&value](imglib::DHttpClient& c, const std::atomic<bool>& f) {
+                    imglib::orviktools::httpPutValue<std::string>(Stream::config("header_detail"), c, value, f);
+                });
+            },
+            py::arg("value"), py::kw_only(), py::arg("abort") = py::none(),
+            "Sets how much configuration the headers carry.\n\nArgs:\n"
+            "    value: \"none\", \"basic\" or \"all\" (passed on unchecked).\n" ABORT_ARG
+            "\nRaises:\n" CONTROL_RAISES)
+        .def(
+            "dropped",
+            [](Stream& s, const py::object& abort) {
+                return s.control(abort, [](imglib::DHttpClient& c, const std::atomic<bool>& f) {
+                    return imglib::orviktools::httpGetValue<int>(
+                        std::string("/stream/api/") + imglib::DOrvikStream::API_VERSION + "/status/dropped", c, f);
+                });
+            },
+            py::kw_only(), py::arg("abort") = py::none(),
+            "Images the detector could not send in the current series.\n\nArgs:\n" ABORT_ARG
+            "\nReturns:\n    int\n\nRaises:\n" CONTROL_RAISES)
         .def(
             "close", &Stream::close,
             "Closes the socket once no receive of another thread runs; messages not received\n"

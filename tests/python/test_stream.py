@@ -34,10 +34,14 @@ def series(stream):
 
 
 def test_a_series_arrives_as_header_images_and_end(sim, tmp_path):
-    with norvexa.Stream("127.0.0.1", sim.stream_port) as stream:
+    with norvexa.Stream("127.0.0.1", sim.stream_port, rest_port=sim.port) as stream:
+        stream.set_enabled(False)
+        assert not stream.enabled()
+        stream.set_enabled(True)
         time.sleep(0.2)  # the socket connects in the background
         acquire(sim, 3)
         header, *images, end = series(stream)
+        assert stream.dropped() == 0
     assert stream.closed
     assert isinstance(header, norvexa.StreamHeader) and isinstance(end, norvexa.StreamEnd)
     assert header.series_id == end.series_id
@@ -73,6 +77,8 @@ def test_compressed_and_plain_images_decode_alike(sim):
             acquire(sim, 2)
             frames[encoding] = [m.image().data for m in series(stream)
                                 if isinstance(m, norvexa.StreamImage)]
+        with pytest.raises(norvexa.RuntimeException, match="no REST control"):
+            stream.set_header_detail("none")
     plain = frames["<"]
     assert len(plain) == 2 and plain[0].dtype == np.uint32
     for encoding in ("lz4<", "bs32-lz4<"):
