@@ -30,24 +30,25 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
-def median_ms(call, repeat):
+def median_ms(call, repeat, clock=time.perf_counter):
     times = []
     for _ in range(repeat):
-        start = time.perf_counter()
+        start = clock()
         call()
-        times.append(time.perf_counter() - start)
+        times.append(clock() - start)
     return statistics.median(times) * 1000
 
 
 def cpp_frame_ms(build, repetitions):
-    """bench_hdf5's read through DImageSeries; median of its repetitions, in ms."""
+    """bench_hdf5's read through DImageSeries: medians of its repetitions' wall and CPU
+    times, in ms."""
     out = subprocess.run(
         [str(build / "bench" / "bench_hdf5"), "--benchmark_filter=^BM_ReadFrameThroughSeries",
          f"--benchmark_repetitions={repetitions}", "--benchmark_format=json"],
         check=True, capture_output=True, text=True).stdout
     runs = [b for b in json.loads(out)["benchmarks"] if b.get("run_type") == "iteration"]
     assert all(b["time_unit"] == "ms" for b in runs)
-    return statistics.median(b["real_time"] for b in runs)
+    return (statistics.median(b["real_time"] for b in runs), statistics.median(b["cpu_time"] for b in runs))
 
 
 def h5py_frame_ms(master, repeat):
@@ -82,16 +83,22 @@ def main():
     import norvexa
 
     print("uptime:", subprocess.run(["uptime"], capture_output=True, text=True).stdout.strip())
-    cpp_frame_ms(args.build, 1)  # writes the series on its first run
     master = pathlib.Path("/tmp/norvexa_bench_hdf5/read/series_master.h5")
     # C++ and Python in turns, so that both see the same load.
-    cpp, python = [], []
-    with norvexa.open(master) as series:
-        numbers = iter(range(10**9))
-        for _ in range(3):
-            cpp.append(cpp_frame_ms(args.build, 3))
-            python.append(median_ms(lambda: series[next(numbers) % 100 + 1].data, args.repeat * 2))
-    cpp, python = statistics.median(cpp), statistics.median(python)
+    # Wall times and, steadier on a loaded machine, CPU times.
+    cpp, cpp_cpu, python, python_cpu = [], [], [], []
+    numbers = iter(range(10**9))
+    for _ in range(3):
+        # bench_hdf5 writes the series anew when it starts: the file is closed meanwhile.
+        wall, cpu = cpp_frame_ms(args.build, 3)
+        cpp.append(wall)
+        cpp_cpu.append(cpu)
+        with norvexa.open(master) as series:
+            frame = lambda: series[next(numbers) % 100 + 1].data  # noqa: E731
+            python.append(median_ms(frame, args.repeat * 2))
+            python_cpu.append(median_ms(frame, args.repeat * 2, time.process_time))
+    cpp, cpp_cpu = statistics.median(cpp), statistics.median(cpp_cpu)
+    python, python_cpu = statistics.median(python), statistics.median(python_cpu)
     peer = h5py_frame_ms(master, args.repeat)
 
     work = pathlib.Path("/tmp/norvexa_bench_python")
@@ -133,6 +140,8 @@ def main():
     print(f"4148x4362 bslz4 frame: norvexa {python:.1f} ms, h5py {peer:.1f} ms, C++ {cpp:.1f} ms")
     print(f"  speed-up over h5py {peer / python:.1f}x (aim >= 20x); "
           f"binding overhead {100 * (python - cpp) / cpp:+.1f}% of C++ (aim <= 5%)")
+    print(f"  CPU time: norvexa {python_cpu:.1f} ms, C++ {cpp_cpu:.1f} ms: "
+          f"binding overhead {100 * (python_cpu - cpp_cpu) / cpp_cpu:+.1f}%")
     print(f"2463x2527 CBF: norvexa {ours_cbf:.1f} ms, fabio {fabio_cbf:.1f} ms: "
           f"{fabio_cbf / ours_cbf:.1f}x (aim >= 2x)")
     print(f"100 frames, ThreadPoolExecutor: 1 thread {one:.0f} ms, 2 threads {two:.0f} ms: "
