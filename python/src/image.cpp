@@ -112,16 +112,17 @@ RectArg::RectArg(const py::object& object)
 {
     if (object.is_none())
         return;
-    py::sequence values;
-    try {
-        values = object.cast<py::sequence>();
-    } catch (const py::cast_error&) {
+    if (!py::isinstance<py::sequence>(object) || py::len(object) != 4)
         throw py::type_error("rect must be a tuple (x, y, width, height)");
-    }
+    const py::sequence values = py::reinterpret_borrow<py::sequence>(object);
     if (py::len(values) != 4)
         throw py::type_error("rect must be a tuple (x, y, width, height)");
-    _rect = DRect(values[0].cast<int>(), values[1].cast<int>(), values[2].cast<int>(),
-                  values[3].cast<int>());
+    try {
+        _rect = DRect(values[0].cast<int>(), values[1].cast<int>(), values[2].cast<int>(),
+                      values[3].cast<int>());
+    } catch (const py::cast_error&) {
+        throw py::type_error("rect must be a tuple (x, y, width, height) of ints");
+    }
     _set = true;
 }
 

@@ -195,8 +195,9 @@ def test_statistics_with_rect_mask_and_limits():
     odd = np.arange(1, 10, dtype=np.uint32).reshape(3, 3)[::-1]
     assert norvexa.Image(odd).median() == 5 and isinstance(norvexa.Image(odd).median(), int)
     assert norvexa.Image(array).median(rect=(0, 0, 3, 1)) == pytest.approx(np.median(array[0, :3]))
-    with pytest.raises(TypeError, match=r"\(x, y, width, height\)"):
-        image.mean(rect=(1, 2, 3))
+    for bad in ((1, 2, 3), (1, 2, 3, 4.5), (1, 2, 3, 2**40), 7):
+        with pytest.raises(TypeError, match=r"rect must be a tuple \(x, y, width, height\)"):
+            image.mean(rect=bad)
 
 
 def test_regions_cuts_masks_and_conversions():
