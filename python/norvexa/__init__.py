@@ -17,9 +17,11 @@ class Series(_norvexa.Series):
     __doc__ = _norvexa.Series.__doc__
 
     def __enter__(self):
+        """Returns the series itself."""
         return self
 
     def __exit__(self, *exc_info):
+        """Closes the series; exceptions pass on."""
         self.close()
         return False
 
@@ -37,9 +39,11 @@ class Hdf5Writer(_norvexa.Hdf5Writer):
     __doc__ = _norvexa.Hdf5Writer.__doc__
 
     def __enter__(self):
+        """Returns the writer itself."""
         return self
 
     def __exit__(self, *exc_info):
+        """Completes and closes the files, also when the block raised."""
         self.close()
         return False
 

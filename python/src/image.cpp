@@ -112,16 +112,17 @@ RectArg::RectArg(const py::object& object)
 {
     if (object.is_none())
         return;
-    py::sequence values;
-    try {
-        values = object.cast<py::sequence>();
-    } catch (const py::cast_error&) {
+    if (!py::isinstance<py::sequence>(object) || py::len(object) != 4)
         throw py::type_error("rect must be a tuple (x, y, width, height)");
-    }
+    const py::sequence values = py::reinterpret_borrow<py::sequence>(object);
     if (py::len(values) != 4)
         throw py::type_error("rect must be a tuple (x, y, width, height)");
-    _rect = DRect(values[0].cast<int>(), values[1].cast<int>(), values[2].cast<int>(),
-                  values[3].cast<int>());
+    try {
+        _rect = DRect(values[0].cast<int>(), values[1].cast<int>(), values[2].cast<int>(),
+                      values[3].cast<int>());
+    } catch (const py::cast_error&) {
+        throw py::type_error("rect must be a tuple (x, y, width, height) of ints");
+    }
     _set = true;
 }
 
@@ -461,6 +462,37 @@ non-zero pixels are excluded.)doc");
             },
             "The metadata's pixel mask as an Image (UINT 32), or None. Assign an Image, a 2-D "
             "array or None; it is stored as UINT 32.")
+        .def(
+            "__array__",
+            [](py::object self, const py::object& dtype, const py::object& copy) {
+                py::object view = dataView(self);
+                if (!dtype.is_none())
+                    return py::object(view.attr("astype")(dtype, py::arg("copy") = false));
+                if (!copy.is_none() && copy.cast<bool>())
+                    return py::object(view.attr("copy")());
+                return view;
+            },
+            py::arg("dtype") = py::none(), py::arg("copy") = py::none(),
+            "numpy.asarray(image) is image.data (a view), or a converted copy for another dtype.")
+        .def(py::pickle(
+            [](py::object self) {
+                // The pixels, the typed items and the mask; the rest of the header tree stays behind.
+                const DImage& image = self.cast<const DImage&>();
+                py::object data = dataView(self).attr("copy")();
+                return py::make_tuple(data, py::cast(image.optionalData()).attr("to_dict")(),
+                                      image.optionalData().pixel_mask());
+            },
+            [](const py::tuple& state) {
+                if (py::len(state) != 3)
+                    throw py::value_error("not a pickled norvexa.Image");
+                DImage image = imageFromArray(state[0]);
+                py::object metadata = py::cast(&image.optionalData(), py::return_value_policy::reference);
+                for (const auto& item : state[1].cast<py::dict>())
+                    metadata.attr(item.first) = item.second;
+                if (!state[2].is_none())
+                    image.optionalData().set_pixel_mask(state[2].cast<DImage>());
+                return image;
+            }))
         .def("copy", [](const DImage& self) { return DImage(self); },
              "copy() -> Image\n\nA copy of the pixels and the metadata.")
         .def("__copy__", [](const DImage& self) { return DImage(self); })

@@ -209,3 +209,18 @@ def test_hdf5_writer_refusals(tmp_path):
     with norvexa.Hdf5Writer(tmp_path / "b.h5", 1) as writer:
         with pytest.raises(TypeError, match="takes an Image or a StoredChunk"):
             writer.write(np.zeros((2, 2)))
+
+
+def test_numbered_file_series(tmp_path):
+    for number in (1, 2, 3):
+        norvexa.write(norvexa.Image(np.full((5, 6), number, np.int32)), tmp_path / f"run_{number:05d}.cbf")
+    with norvexa.open(tmp_path / "run_00002.cbf") as series:
+        assert (series.first, series.last, len(series)) == (1, 3, 3)
+        assert [frame.data[0, 0] for frame in series] == [1, 2, 3]
+        chunk = series.stored(3)
+        assert chunk.compression == "none"
+        np.testing.assert_array_equal(norvexa.Image(chunk).data, np.full((5, 6), 3))
+        with norvexa.Hdf5Writer(tmp_path / "from_cbf.h5", 0) as writer:
+            writer.write(chunk)  # plain pixels: compressed by the writer
+    with h5py.File(tmp_path / "from_cbf.h5", "r") as f:
+        np.testing.assert_array_equal(f["/entry/data/data_000001"][0], np.full((5, 6), 3))

@@ -195,8 +195,9 @@ def test_statistics_with_rect_mask_and_limits():
     odd = np.arange(1, 10, dtype=np.uint32).reshape(3, 3)[::-1]
     assert norvexa.Image(odd).median() == 5 and isinstance(norvexa.Image(odd).median(), int)
     assert norvexa.Image(array).median(rect=(0, 0, 3, 1)) == pytest.approx(np.median(array[0, :3]))
-    with pytest.raises(TypeError, match=r"\(x, y, width, height\)"):
-        image.mean(rect=(1, 2, 3))
+    for bad in ((1, 2, 3), (1, 2, 3, 4.5), (1, 2, 3, 2**40), 7):
+        with pytest.raises(TypeError, match=r"rect must be a tuple \(x, y, width, height\)"):
+            image.mean(rect=bad)
 
 
 def test_regions_cuts_masks_and_conversions():
@@ -259,3 +260,17 @@ def test_spline_fit_reproduces_a_smooth_background():
                        match="Spline orders must lie between 1 and the number of coefficients"):
         image.spline_fit(nx=3, kx=4)
     assert norvexa.Image(np.ones((20, 20), np.float32)).spline_fit().shape == (0, 0)  # no modules
+
+
+def test_pickle_and_asarray():
+    import pickle
+    image = norvexa.Image(sample("uint32", 6, 7))
+    image.metadata.count_time = 0.5
+    image.metadata.description = "pickled"
+    image.pixel_mask = np.eye(6, 7, dtype=np.uint32)
+    back = pickle.loads(pickle.dumps(image))
+    np.testing.assert_array_equal(back.data, image.data)
+    assert back.metadata.to_dict() == image.metadata.to_dict()
+    np.testing.assert_array_equal(back.pixel_mask.data, np.eye(6, 7))
+    assert np.shares_memory(np.asarray(image), image.data)
+    assert np.asarray(image, dtype=np.float64).dtype == np.float64
