@@ -1,5 +1,7 @@
 """Detector, FileWriter and Monitor against the project's detector simulator."""
 
+import pathlib
+import re
 import threading
 import time
 
@@ -139,3 +141,20 @@ def test_threads_share_one_client(sim):
     for t in threads:
         t.join(30)
     assert not errors and results == [0.001] * 40
+
+
+def test_readme_section_runs_as_written(sim, tmp_path, monkeypatch, capsys):
+    readme = (pathlib.Path(__file__).parents[2] / "README.md").read_text()
+    section = readme.split("## Detectors, live streams and queues in Python", 1)[1].split("\n## ", 1)[0]
+    (code,) = re.findall(r"```python\n(.*?)```", section, re.S)
+    # The simulator of the test listens on free ports, not on the ones of the text.
+    code = code.replace("8080", str(sim.port)).replace("9999", str(sim.stream_port))
+    monkeypatch.chdir(tmp_path)
+    scope = {"__name__": "__tour__"}
+    exec(compile(code, "README.md (detectors, streams and queues)", "exec"), scope)
+    printed = capsys.readouterr().out.splitlines()
+    assert printed[0] == "Ranged(value=0.01, min=1e-05, max=3600.0)"
+    assert printed[2:] == ["400 count_time: value 5000 out of range [1e-05, 3600]", "Operation aborted"]
+    assert scope["last"].data.shape == scope["frame"].data.shape == (48, 64)
+    with norvexa.open(tmp_path / "live.h5") as live:
+        assert len(live) == 3
