@@ -25,6 +25,11 @@ struct CurlDeleter {
 };
 using Curl = std::unique_ptr<CURL, CurlDeleter>;
 
+struct MultiDeleter {
+    void operator()(CURLM* multi) const noexcept { curl_multi_cleanup(multi); }
+};
+using Multi = std::unique_ptr<CURLM, MultiDeleter>;
+
 struct SlistDeleter {
     void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
 };
@@ -161,11 +166,45 @@ void setMethodOnCurlHandle(CURL* curl, DHttpClient::Method method)
 
 void setProgress(CURL* curl, const std::atomic<bool>& abort)
 {
-    // The transfer-info callback is the current name of the progress callback; the flag is
-    // polled nowhere else.
+    // The transfer-info callback is the current name of the progress callback; perform()
+    // looks at the flag between its waits as well.
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &progressCallback);
     curl_easy_setopt(curl, CURLOPT_XFERINFODATA, const_cast<std::atomic<bool>*>(&abort));
+}
+
+/// curl_easy_perform through the client's multi handle, which keeps the connections from
+/// one exchange to the next as the easy interface does. The flag is looked at every 50 ms
+/// also while the server is silent: libcurl calls the progress callback only about once a
+/// second then, too late for a caller that ends a wait on Ctrl-C.
+CURLcode perform(CURLM* multi, CURL* curl, const std::atomic<bool>& abort)
+{
+    if (abort)
+        return CURLE_ABORTED_BY_CALLBACK;
+    if (curl_multi_add_handle(multi, curl) != CURLM_OK)
+        return CURLE_FAILED_INIT;
+    CURLcode result = CURLE_OK;
+    for (;;) {
+        int running = 0;
+        CURLMcode state = curl_multi_perform(multi, &running);
+        if (state == CURLM_OK && running == 0) {
+            int left = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi, &left))
+                if (message->msg == CURLMSG_DONE && message->easy_handle == curl)
+                    result = message->data.result;
+            break;
+        }
+        if (state == CURLM_OK && abort)
+            result = CURLE_ABORTED_BY_CALLBACK;
+        else if (state == CURLM_OK)
+            state = curl_multi_poll(multi, nullptr, 0, 50, nullptr);
+        if (state != CURLM_OK)
+            result = state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT;
+        if (result != CURLE_OK)
+            break;
+    }
+    curl_multi_remove_handle(multi, curl);
+    return result;
 }
 
 [[noreturn]] void throwRequestFailed(CURLcode code)
@@ -187,6 +226,7 @@ public:
     std::string host;
     int port;
     Curl curl;
+    Multi multi;
 
     static std::mutex _curlInitMutex;
     static unsigned _curlInitNumber;
@@ -196,9 +236,9 @@ std::mutex DHttpClient::DHttpClientPrivate::_curlInitMutex;
 unsigned DHttpClient::DHttpClientPrivate::_curlInitNumber = 0;
 
 DHttpClient::DHttpClient(const std::string& host, int port)
-    : _d(new DHttpClientPrivate{host, port, Curl(curl_easy_init())})
+    : _d(new DHttpClientPrivate{host, port, Curl(curl_easy_init()), Multi(curl_multi_init())})
 {
-    if (!_d->curl)
+    if (!_d->curl || !_d->multi)
         throw DRuntimeException("Failed to initialize curl handle");
     curl_easy_setopt(_d->curl.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(_d->curl.get(), CURLOPT_TCP_NODELAY, 1L);
@@ -210,6 +250,7 @@ DHttpClient::DHttpClient(const std::string& host, int port)
 
 DHttpClient::~DHttpClient()
 {
+    _d->multi.reset(); // closes the kept connections while libcurl is still set up
     {
         std::lock_guard<std::mutex> lock(DHttpClientPrivate::_curlInitMutex);
         if (DHttpClientPrivate::_curlInitNumber-- == 1)
@@ -271,7 +312,7 @@ DHttpClient::QueryReturn DHttpClient::query(const std::string& path, Method meth
     curl_easy_setopt(curl, CURLOPT_INFILESIZE, static_cast<long>(body.size()));
     setMethodOnCurlHandle(curl, method);
 
-    const CURLcode code = curl_easy_perform(curl);
+    const CURLcode code = perform(_d->multi.get(), curl, abort);
     if (code != CURLE_OK) {
         // A fresh handle, so that a broken connection can't spoil the next query. It gets
         // neither NOSIGNAL nor TCP_NODELAY again, as it always has.
@@ -308,7 +349,7 @@ DHttpClient::QueryReturn DHttpClient::download(const std::string& path, const st
     clearMethod(curl);
     curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
 
-    const CURLcode code = curl_easy_perform(curl);
+    const CURLcode code = perform(_d->multi.get(), curl, abort);
     if (code != CURLE_OK)
         throwRequestFailed(code);
     if (std::fclose(file.release()) < 0)

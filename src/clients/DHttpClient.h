@@ -13,9 +13,9 @@ namespace imglib {
 
 /// A synchronous HTTP client bound to one host and port for its whole life. Plain
 /// "http://" only; no time-out of its own (the server reports one, or the caller ends an
-/// operation through the abort flag, which is polled during the transfer). A status that
-/// is not 2xx is returned, not raised. Transport failures are DRuntimeException
-/// "Http request failed: <reason>".
+/// operation through the abort flag, which is polled every 50 ms during the transfer, also
+/// while the server is silent). A status that is not 2xx is returned, not raised.
+/// Transport failures are DRuntimeException "Http request failed: <reason>".
 ///
 /// One client holds one connection handle and no lock: one thread at a time. Different
 /// clients may work in different threads at once. The library-wide network set-up is
