@@ -1,6 +1,7 @@
 """Stream against the simulator's live stream; Ctrl-C and threading.Event during a wait."""
 
 import signal
+import socket
 import threading
 import time
 
@@ -121,9 +122,15 @@ except KeyboardInterrupt:
 @pytest.mark.parametrize("setup, wait", [
     ('stream = norvexa.Stream("127.0.0.1", {port})', "for message in stream.messages(): pass"),
     ('queue = norvexa.MessageQueue("pytest_ctrl_c_{port}")', "queue.receive()"),
-], ids=["stream", "queue"])
+    ('detector = norvexa.Detector("127.0.0.1", {port})', "detector.status()"),
+], ids=["stream", "queue", "detector"])
 def test_ctrl_c_ends_a_blocking_wait_with_keyboard_interrupt(setup, wait):
-    child = python_child(CTRL_C_CHILD.format(setup=setup.format(port=free_port()), wait=wait))
+    # A server that takes connections and never answers, for the detector's request.
+    silent = socket.socket()
+    silent.bind(("127.0.0.1", 0))
+    silent.listen()
+    port = silent.getsockname()[1]
+    child = python_child(CTRL_C_CHILD.format(setup=setup.format(port=port), wait=wait))
     try:
         assert child.stdout.readline() == "waiting\n", child.stderr.read()
         time.sleep(0.3)  # into the wait
@@ -135,6 +142,7 @@ def test_ctrl_c_ends_a_blocking_wait_with_keyboard_interrupt(setup, wait):
         if child.poll() is None:
             child.kill()
             child.wait()
+        silent.close()
     stderr = child.stderr.read()
     assert child.returncode != 0
     assert stderr.rstrip().endswith("KeyboardInterrupt"), stderr
