@@ -242,6 +242,27 @@ const std::atomic<bool>& stopRequested()
     return gStop;
 }
 
+QuietStdout::QuietStdout() : _saved(-1)
+{
+    std::fflush(stdout);
+    const int null = open("/dev/null", O_WRONLY);
+    if (null < 0)
+        return;
+    _saved = dup(STDOUT_FILENO);
+    if (_saved >= 0)
+        dup2(null, STDOUT_FILENO);
+    close(null);
+}
+
+QuietStdout::~QuietStdout()
+{
+    std::fflush(stdout);
+    if (_saved < 0)
+        return;
+    dup2(_saved, STDOUT_FILENO);
+    close(_saved);
+}
+
 std::string number(double value, int digits)
 {
     char text[64];

@@ -105,6 +105,19 @@ void installStopHandlers();
 /// Set by the first SIGINT or SIGTERM after installStopHandlers(); a library call's abort flag.
 const std::atomic<bool>& stopRequested();
 
+/// While one exists, standard output goes to /dev/null: some library objects print a line
+/// there when they close, and the tool's standard output holds its results only.
+class QuietStdout {
+public:
+    QuietStdout();
+    ~QuietStdout();
+    QuietStdout(const QuietStdout&) = delete;
+    QuietStdout& operator=(const QuietStdout&) = delete;
+
+private:
+    int _saved;
+};
+
 /// A number in the shortest of fixed or exponent form, `digits` significant digits.
 std::string number(double value, int digits = 6);
 

@@ -17,6 +17,7 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -147,6 +148,8 @@ public:
         try {
             DOrvikDetector detector(host, o.restPort);
             if (o.arm) {
+                std::cout.flush();
+                const QuietStdout quiet; // the stream object's socket prints when it closes
                 DOrvikStream stream(host, o.restPort);
                 stream.setEnabled(true, stop);
                 stream.setHeaderDetail("all", stop);
@@ -172,11 +175,11 @@ public:
         if (_thread.joinable())
             _thread.join();
     }
-    /// Raises what the trigger raised.
+    /// Raises what the trigger raised, unless a stop signal called it off.
     void check()
     {
         std::lock_guard<std::mutex> lock(_mutex);
-        if (!_error)
+        if (!_error || stopRequested())
             return;
         try {
             std::rethrow_exception(std::exchange(_error, nullptr));
@@ -192,6 +195,17 @@ private:
     std::exception_ptr _error;
 };
 
+/// The stream client prints a line on standard output when it closes.
+struct QuietClient {
+    std::unique_ptr<DStreamClient> client;
+    ~QuietClient()
+    {
+        std::cout.flush();
+        const QuietStdout quiet;
+        client.reset();
+    }
+};
+
 void record(const RecordOptions& o)
 {
     const HostPort address = parseHostPort(o.address, DOrvikStream::DATA_PORT);
@@ -204,7 +218,8 @@ void record(const RecordOptions& o)
     installStopHandlers();
     probeTcp(address, 5.0);
 
-    DStreamClient client(address.host, address.port);
+    QuietClient quiet{std::make_unique<DStreamClient>(address.host, address.port)};
+    DStreamClient& client = *quiet.client;
     std::unique_ptr<Acquisition> acquisition;
     if (o.arm)
         acquisition = std::make_unique<Acquisition>(o, address.host);
@@ -235,6 +250,10 @@ void record(const RecordOptions& o)
         try {
             message = client.pop(0.5, stopRequested());
         } catch (const DTimeoutException&) {
+            if (stopRequested()) {
+                interrupted = true;
+                break;
+            }
             if (acquisition)
                 acquisition->check();
             if (o.timeout > 0 && std::chrono::duration<double>(Clock::now() - lastMessage).count() > o.timeout) {

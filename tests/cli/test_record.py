@@ -54,6 +54,7 @@ def test_one_series_in_one_command(sim, tmp_path):
                                        "--images-per-file", "2"), capture_output=True, text=True, timeout=60)
     assert result.returncode == 0, result.stderr
     assert result.stderr == ""
+    assert len(result.stdout.splitlines()) == 1  # its summary, nothing else
     assert "5 images in" in result.stdout and "and 3 data files" in result.stdout
     assert leftovers(tmp_path) == ["live_data_000001.h5", "live_data_000002.h5", "live_data_000003.h5",
                                    "live_master.h5"]
