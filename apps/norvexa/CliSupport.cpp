@@ -87,10 +87,11 @@ void ProgressLine::done()
 
 StagedFiles::StagedFiles(const fs::path& target)
 {
-    _directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-    std::string pattern = (_directory / ("." + target.filename().string() + ".norvexa-XXXXXX")).string();
+    _directory = target.parent_path();
+    const fs::path here = _directory.empty() ? fs::path(".") : _directory;
+    std::string pattern = (here / ("." + target.filename().string() + ".norvexa-XXXXXX")).string();
     if (!mkdtemp(pattern.data()))
-        throw failure(target.string(), std::string("Cannot write into ") + _directory.string() + ": " +
+        throw failure(target.string(), std::string("Cannot write into ") + here.string() + ": " +
                                            std::strerror(errno));
     _staging = pattern;
 }

@@ -83,7 +83,7 @@ public:
     void discard();
 
 private:
-    std::filesystem::path _directory;
+    std::filesystem::path _directory; // where the files go: the target's, as the user wrote it
     std::filesystem::path _staging;
 };
 

@@ -1,13 +1,14 @@
 """info and convert on committed fixtures and on frames made here."""
 
 import json
+import os
 
 import fabio
 import h5py
 import numpy as np
 import pytest
 
-from conftest import DATA, HEIGHT, WIDTH, frames, info, leftovers, run, write_master
+from conftest import DATA, TOOL, frames, info, leftovers, run, write_master
 
 # The items a CBF header carries and the library reads back.
 CBF_ITEMS = ["count_time", "frame_time", "x_pixel_size", "y_pixel_size", "detector_distance",
@@ -100,3 +101,45 @@ def test_hdf5_to_hdf5_copies_the_stored_chunks(master, tmp_path, compression):
         with h5py.File(path.parent / "run_data_000001.h5") as src:
             same = copied.id.read_direct_chunk((1, 0, 0))[1] == src["entry/data/data"].id.read_direct_chunk((1, 0, 0))[1]
         assert same == (compression == "bslz4")
+
+
+def test_progress_line_only_on_a_terminal(master, tmp_path):
+    """On a terminal, standard error gets a line rewritten in place; piped, nothing (above)."""
+    import pty
+    import subprocess
+    path, _ = master
+    primary, secondary = pty.openpty()
+    process = subprocess.Popen([TOOL, "convert", str(path), str(tmp_path / "p_#####.cbf")],
+                               stdout=subprocess.DEVNULL, stderr=secondary)
+    os.close(secondary)
+    seen = b""
+    while True:
+        try:
+            chunk = os.read(primary, 4096)
+        except OSError:  # the terminal closed with the process
+            break
+        if not chunk:
+            break
+        seen += chunk
+    os.close(primary)
+    assert process.wait(timeout=60) == 0
+    assert b"\rconvert 5/5 frames, " in seen and b"frames/s" in seen
+    assert seen.endswith(b"\r\x1b[K")  # cleared at the end
+
+
+def test_other_inputs_and_number_widths(tmp_path):
+    """EDF and TIFF in, image numbers wider than the run of '#', --frame for the statistics."""
+    edf = DATA / "edf" / "i32_97x103.edf"
+    assert run("convert", edf, tmp_path / "e_#.tif").returncode == 0
+    assert leftovers(tmp_path) == ["e_103.tif"]  # the number in the name: 103
+    np.testing.assert_array_equal(fabio.open(str(tmp_path / "e_103.tif")).data, fabio.open(str(edf)).data)
+    master = DATA / "hdf5" / "three_files_master.h5"
+    assert run("convert", master, tmp_path / "w_#.cbf", "--range", "7:").returncode == 0
+    assert sorted(p.name for p in tmp_path.glob("w_*")) == ["w_7.cbf", "w_8.cbf"]
+    assert run("convert", master, tmp_path / "n_#.cbf", "--range", "8").returncode == 0
+    assert (tmp_path / "n_8.cbf").exists()
+    got = info(master)
+    one = json.loads(run("info", "--json", "--frame", "8", master).stdout)
+    assert one["statistics"]["image"] == 8 and one["statistics"]["min"] > got["statistics"]["min"]
+    with h5py.File(master) as f:
+        assert one["statistics"]["max"] == f["entry/data/data_000003"][1].max()
