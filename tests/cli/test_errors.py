@@ -1,9 +1,13 @@
 """Every failure: its exit status, one line on standard error naming the input and the
 library's message, and no file under a final name (nor a staging directory) left behind."""
 
+import signal
+import subprocess
+import time
+
 import pytest
 
-from conftest import DATA, frames, leftovers, one_line_failure, run, write_master
+from conftest import DATA, TOOL, frames, leftovers, one_line_failure, run, write_master
 
 
 @pytest.fixture(scope="module")
@@ -59,6 +63,9 @@ def test_missing_output_directory(master, tmp_path):
     ["png", "{master}", "-o", "{tmp}/x.png", "--table", "jet"],
     ["png", "{master}", "-o", "{tmp}/x.png", "--low", "5", "--high", "5"],
     ["record", "127.0.0.1:99999", "{tmp}/x_master.h5"],
+    ["record", "[::1", "{tmp}/x_master.h5"],
+    ["record", "127.0.0.1:", "{tmp}/x_master.h5"],
+    ["record", ":9999", "{tmp}/x_master.h5"],
     ["record", "127.0.0.1:9999", "{tmp}/x.cbf"],
     ["record", "127.0.0.1", "{tmp}/x_master.h5", "--trigger"],
     ["nonsense"],
@@ -79,3 +86,23 @@ def test_help_with_an_example(sub):
     result = run(sub, "--help")
     assert result.returncode == 0 and "Example" in result.stdout and f"norvexa {sub}" in result.stdout
 
+
+
+def test_frame_outside_the_series(master, tmp_path):
+    one_line_failure(run("png", master, "--frame", "7", "-o", tmp_path / "x.png"), master, "Image 7")
+    assert leftovers(tmp_path) == []
+
+
+def test_ctrl_c_in_mid_conversion_leaves_nothing(tmp_path):
+    source = write_master(tmp_path, "long", frames(40, seed=3), per_file=40)
+    out = tmp_path / "out"
+    out.mkdir()
+    process = subprocess.Popen([TOOL, "convert", str(source), str(out / "x_#####.tif")],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    deadline = time.monotonic() + 60
+    while not list(out.glob(".x_#####.tif.*/x_00002.tif")) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    process.send_signal(signal.SIGINT)
+    _, err = process.communicate(timeout=60)
+    assert process.returncode == 1 and "Interrupted" in err and len(err.splitlines()) == 1
+    assert leftovers(out) == []
