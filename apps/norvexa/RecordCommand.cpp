@@ -304,9 +304,14 @@ void record(const RecordOptions& o)
     }
     if (interrupted)
         finish(false, " (interrupted)");
-    if (lost || malformed)
-        throw failure(subject, std::to_string(lost) + " image" + (lost == 1 ? "" : "s") + " lost" +
-                                   (malformed ? ", " + std::to_string(malformed) + " malformed messages" : ""));
+    std::string missing;
+    if (lost)
+        missing = std::to_string(lost) + " image" + (lost == 1 ? "" : "s") + " lost";
+    if (malformed)
+        missing += (missing.empty() ? "" : ", ") + std::to_string(malformed) + " malformed message" +
+                   (malformed == 1 ? "" : "s");
+    if (!missing.empty())
+        throw failure(subject, missing);
 }
 
 } // namespace
