@@ -243,7 +243,7 @@ void addConvertCommand(CLI::App& app)
     sub->add_option("--images-per-file", options->imagesPerFile,
                     "HDF5 output: images per data file (0: one file with the images inside)")
         ->capture_default_str();
-    sub->footer("Example:\n  norvexa convert run_master.h5 cbf/run_#####.cbf --range 1:100\n"
+    sub->footer("Example:\n  norvexa convert run_master.h5 'cbf/run_#####.cbf' --range 1:100\n"
                 "  norvexa convert run_00001.cbf run_master.h5 --compression bslz4");
     sub->callback([options] { convert(*options); });
 }
