@@ -16,6 +16,8 @@
 #include "foundation/image/DCompression.h"
 
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,8 +49,23 @@ constexpr int kFrames = 100;
 // loaded machine), which paces both sides of the record benchmark alike.
 constexpr int kLiveFrames = 20;
 
-/// Runs the tool to its end; its standard output goes to /dev/null.
-void runTool(std::vector<std::string> args, benchmark::State& state)
+double seconds(const timeval& t)
+{
+    return double(t.tv_sec) + double(t.tv_usec) * 1e-6;
+}
+
+/// CPU seconds (user and system) this process has used so far, every thread counted.
+double ownCpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+/// Runs the tool to its end; its standard output goes to /dev/null. Returns the CPU
+/// seconds it used, so that both sides compare also where the machine's load makes wall
+/// times noisy.
+double runTool(std::vector<std::string> args, benchmark::State& state)
 {
     args.insert(args.begin(), NORVEXA_TOOL);
     std::vector<char*> argv;
@@ -62,8 +79,15 @@ void runTool(std::vector<std::string> args, benchmark::State& state)
     const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     int status = 0;
-    if (spawned != 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    rusage usage{};
+    if (spawned != 0 || wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
         state.SkipWithError("the tool failed");
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+void cpuPerFrame(benchmark::State& state, double cpuSeconds, int frames)
+{
+    state.counters["cpu_ms_per_frame"] = 1000 * cpuSeconds / (double(state.iterations()) * frames);
 }
 
 /// A scratch directory, removed with the object.
@@ -105,26 +129,32 @@ const fs::path& master()
 void convertLibraryLoop(benchmark::State& state)
 {
     const fs::path in = master();
+    double cpu = 0;
     for (auto _ : state) {
         Scratch out;
+        const double start = ownCpuSeconds();
         DImageSeries series(in.string());
         char name[32];
         for (int i = series.first(); i <= series.last(); ++i) {
             std::snprintf(name, sizeof name, "run_%05d.cbf", i);
             DImageWriter::write(series[static_cast<unsigned long>(i)], (out.path / name).string(), DImageWriter::CBF);
         }
+        cpu += ownCpuSeconds() - start;
     }
     state.SetItemsProcessed(state.iterations() * kFrames);
+    cpuPerFrame(state, cpu, kFrames);
 }
 
 void convertTool(benchmark::State& state)
 {
     const fs::path in = master();
+    double cpu = 0;
     for (auto _ : state) {
         Scratch out;
-        runTool({"convert", in.string(), (out.path / "run_#####.cbf").string()}, state);
+        cpu += runTool({"convert", in.string(), (out.path / "run_#####.cbf").string()}, state);
     }
     state.SetItemsProcessed(state.iterations() * kFrames);
+    cpuPerFrame(state, cpu, kFrames);
 }
 
 /// The simulator as a child process ("norvexa sim") with 6M frames, for the whole run.
@@ -182,7 +212,9 @@ void recordPopAlone(benchmark::State& state)
     Simulator& sim = simulator();
     const std::atomic<bool> no(false);
     DOrvikDetector detector("127.0.0.1", sim.rest);
+    double cpu = 0;
     for (auto _ : state) {
+        const double start = ownCpuSeconds();
         // A client of its own per series: a second connected one would share the frames.
         DStreamClient client("127.0.0.1", sim.stream);
         detector.setNImages(kLiveFrames, no);
@@ -195,23 +227,27 @@ void recordPopAlone(benchmark::State& state)
             done = message.type() == DStreamObject::END;
         }
         trigger.join();
+        cpu += ownCpuSeconds() - start;
         if (images != kLiveFrames)
             state.SkipWithError("frames lost");
     }
     state.SetItemsProcessed(state.iterations() * kLiveFrames);
+    cpuPerFrame(state, cpu, kLiveFrames);
 }
 
 void recordTool(benchmark::State& state)
 {
     Simulator& sim = simulator();
+    double cpu = 0;
     for (auto _ : state) {
         Scratch out;
-        runTool({"record", "127.0.0.1:" + std::to_string(sim.stream), (out.path / "live_master.h5").string(),
-                 "--series", "1", "--arm", "--trigger", "--images", std::to_string(kLiveFrames), "--rest-port",
-                 std::to_string(sim.rest), "--timeout", "30"},
-                state);
+        cpu += runTool({"record", "127.0.0.1:" + std::to_string(sim.stream), (out.path / "live_master.h5").string(),
+                        "--series", "1", "--arm", "--trigger", "--images", std::to_string(kLiveFrames),
+                        "--rest-port", std::to_string(sim.rest), "--timeout", "30"},
+                       state);
     }
     state.SetItemsProcessed(state.iterations() * kLiveFrames);
+    cpuPerFrame(state, cpu, kLiveFrames);
 }
 
 } // namespace
