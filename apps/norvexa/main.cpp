@@ -14,6 +14,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -33,6 +35,12 @@ namespace {
 int main(int argc, char** argv)
 {
     using namespace norvexa::cli;
+    // Buffers of tens of megabytes come and go with every frame. Kept in the heap, rather
+    // than mapped and handed back to the system each time, they are not faulted in anew
+    // for every frame, which halves the time of a conversion.
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, 512 << 20);
+    mallopt(M_TOP_PAD, 64 << 20);
     CLI::App app("Look at, convert, picture and record detector images.", "norvexa");
     app.set_version_flag("--version", std::string("norvexa ") + norvexa::imglib::version());
     app.require_subcommand(1);
