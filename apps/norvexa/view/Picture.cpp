@@ -8,11 +8,13 @@
 #include "foundation/DException.h"
 
 #include <png.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <memory>
 #include <sstream>
 #include <type_traits>
 #include <vector>
@@ -27,16 +29,16 @@ namespace {
 /// The flag word the colour mapping sees for one mask value: a bool marks gaps only,
 /// a floating mask nothing, any other type bits 0 to 4 of its absolute value.
 template <class M>
-std::uint32_t flagsOf(M m)
+std::uint8_t flagsOf(M m)
 {
     if constexpr (std::is_same_v<M, bool>)
-        return m ? 1u : 0u;
+        return m ? 1 : 0;
     else if constexpr (std::is_floating_point_v<M>)
-        return 0u;
+        return 0;
     else if constexpr (std::is_signed_v<M>)
-        return static_cast<std::uint32_t>(m < 0 ? -static_cast<long long>(m) : static_cast<long long>(m)) & 31u;
+        return static_cast<std::uint8_t>((m < 0 ? -static_cast<long long>(m) : static_cast<long long>(m)) & 31);
     else
-        return static_cast<std::uint32_t>(m & 31u);
+        return static_cast<std::uint8_t>(m & 31u);
 }
 
 template <class T>
@@ -56,17 +58,47 @@ DImage maskFlags(const DImage& frame)
         mask = frame.optionalData().pixel_mask();
     else
         mask = DDetector::mask(frame);
-    if (!mask || mask->width() != frame.width() || mask->height() != frame.height())
-        return DImage();
-    return flagsOfMask(*mask);
+    DImage flags;
+    if (mask && mask->width() == frame.width() && mask->height() == frame.height())
+        flags = flagsOfMask(*mask);
+    return flags.empty() ? flagsOfCodes(frame) : flags;
+}
+
+DImage flagsOfCodes(const DImage& frame)
+{
+    DImage flags(frame.width(), frame.height(), static_cast<unsigned char>(0));
+    auto* out = reinterpret_cast<std::uint8_t*>(flags.data());
+    bool any = false;
+    visitPixelType(frame, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char> ||
+                      (std::is_unsigned_v<T> && sizeof(T) < 4)) {
+            return; // no codes
+        } else {
+            T gap, defective;
+            if constexpr (std::is_unsigned_v<T>) {
+                gap = std::numeric_limits<T>::max();
+                defective = T(gap - 1);
+            } else {
+                gap = T(-1);
+                defective = T(-2);
+            }
+            const T* p = pixelsOf<T>(frame);
+            for (std::size_t i = 0; i < flags.size(); ++i) {
+                out[i] = static_cast<std::uint8_t>((p[i] == gap) | ((p[i] == defective) << 1));
+                any |= out[i] != 0;
+            }
+        }
+    });
+    return any ? flags : DImage();
 }
 
 DImage flagsOfMask(const DImage& mask)
 {
     if (mask.empty())
         return DImage();
-    DImage flags(mask.width(), mask.height(), 0u);
-    auto* out = reinterpret_cast<std::uint32_t*>(flags.data());
+    DImage flags(mask.width(), mask.height(), static_cast<unsigned char>(0));
+    auto* out = reinterpret_cast<std::uint8_t*>(flags.data());
     bool any = false;
     visitPixelType(mask, [&](auto tag) {
         using M = typename decltype(tag)::type;
@@ -85,14 +117,22 @@ Limits autoLimits(const DImage& frame, const DImage& flags)
     // Eight deviations: the background light and even, the spots above it in the heat colours.
     DContrast(8, 100000)(limits.high, limits.low, frame, flags.empty() ? nullptr : &flags);
     double brightest = limits.high;
-    const std::uint32_t* f = flags.empty() ? nullptr : pixelsOf<std::uint32_t>(flags);
+    const std::uint8_t* f = flags.empty() ? nullptr : pixelsOf<std::uint8_t>(flags);
     visitPixelType(frame, [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T* p = pixelsOf<T>(frame);
+        // The two largest values of a 32- or 64-bit unsigned frame are invalid-pixel codes.
+        constexpr bool coded = std::is_unsigned_v<T> && sizeof(T) >= 4;
+        const T ceiling = [] {
+            if constexpr (coded)
+                return T(std::numeric_limits<T>::max() - 2);
+            else
+                return std::numeric_limits<T>::max();
+        }();
         T top = std::numeric_limits<T>::lowest();
         bool found = false;
         for (std::size_t i = 0; i < frame.size(); ++i)
-            if ((!f || f[i] == 0) && p[i] > top) {
+            if ((!f || f[i] == 0) && p[i] > top && p[i] <= ceiling) {
                 top = p[i];
                 found = true;
             }
@@ -109,57 +149,61 @@ void binByMaximum(const DImage& frame, const DImage& flags, const DRect& region,
                   DImage& binnedFlags)
 {
     const int outWidth = (region.width() + bin - 1) / bin, outHeight = (region.height() + bin - 1) / bin;
+    const int width = region.width();
     binned = DImage(outWidth, outHeight, frame.type(), frame.dataSize());
-    binnedFlags = flags.empty() ? DImage() : DImage(outWidth, outHeight, 0u);
-    const std::uint32_t* f = flags.empty() ? nullptr : pixelsOf<std::uint32_t>(flags);
-    auto* of = flags.empty() ? nullptr : reinterpret_cast<std::uint32_t*>(binnedFlags.data());
+    binnedFlags = flags.empty() ? DImage() : DImage(outWidth, outHeight, static_cast<unsigned char>(0));
+    const std::uint8_t* f = flags.empty() ? nullptr : pixelsOf<std::uint8_t>(flags);
+    auto* of = flags.empty() ? nullptr : reinterpret_cast<std::uint8_t*>(binnedFlags.data());
     const std::size_t stride = static_cast<std::size_t>(frame.width());
     visitPixelType(frame, [&](auto tag) {
         using T = typename decltype(tag)::type;
+        constexpr T lowest = std::numeric_limits<T>::lowest();
         const T* p = pixelsOf<T>(frame);
         T* out = reinterpret_cast<T*>(binned.data());
-        std::vector<T> top(static_cast<std::size_t>(outWidth));
-        std::vector<std::uint32_t> valid(static_cast<std::size_t>(outWidth)), seen(static_cast<std::size_t>(outWidth));
+        // First down the columns of a band of `bin` rows, in loops over whole rows that
+        // vectorise, then across each bin of the band's column maxima.
+        // Arrays, not vectors: std::vector<bool> has no data().
+        const auto columns = static_cast<std::size_t>(width);
+        const std::unique_ptr<T[]> top(new T[columns]);
+        const std::unique_ptr<std::uint8_t[]> valid(new std::uint8_t[columns]), seen(new std::uint8_t[columns]);
+        T* t = top.get();
+        std::uint8_t* va = valid.get();
+        std::uint8_t* se = seen.get();
         for (int oy = 0; oy < outHeight; ++oy) {
-            std::fill(top.begin(), top.end(), std::numeric_limits<T>::lowest());
-            std::fill(valid.begin(), valid.end(), 0u);
-            std::fill(seen.begin(), seen.end(), 0u);
+            std::fill_n(t, columns, lowest);
+            std::fill_n(va, columns, std::uint8_t(0));
+            std::fill_n(se, columns, std::uint8_t(0));
             const int y0 = region.top() + oy * bin, y1 = std::min(y0 + bin, region.bottom());
             for (int y = y0; y < y1; ++y) {
                 const T* row = p + y * stride + region.left();
                 if (!f) {
-                    // No mask: the plain maximum, a loop the compiler vectorises.
-                    for (int ox = 0, x = 0; ox < outWidth; ++ox) {
-                        const int end = std::min(x + bin, region.width());
-                        T m = top[ox];
-                        for (; x < end; ++x)
-                            m = row[x] > m ? row[x] : m;
-                        top[ox] = m;
-                    }
+                    for (int x = 0; x < width; ++x)
+                        t[x] = row[x] > t[x] ? row[x] : t[x];
                     continue;
                 }
-                const std::uint32_t* frow = f + y * stride + region.left();
-                for (int ox = 0, x = 0; ox < outWidth; ++ox) {
-                    const int end = std::min(x + bin, region.width());
-                    T m = top[ox];
-                    std::uint32_t n = 0, s = 0;
-                    for (; x < end; ++x) {
-                        const bool ok = frow[x] == 0;
-                        n += ok;
-                        s |= frow[x];
-                        m = ok && row[x] > m ? row[x] : m;
-                    }
-                    top[ox] = m;
-                    valid[ox] += n;
-                    seen[ox] |= s;
+                const std::uint8_t* frow = f + y * stride + region.left();
+                for (int x = 0; x < width; ++x) {
+                    const T v = frow[x] == 0 ? row[x] : lowest;
+                    t[x] = v > t[x] ? v : t[x];
+                    va[x] |= static_cast<std::uint8_t>(frow[x] == 0);
+                    se[x] |= frow[x];
                 }
             }
             T* line = out + static_cast<std::size_t>(oy) * outWidth;
-            for (int ox = 0; ox < outWidth; ++ox) {
-                const bool none = f && valid[ox] == 0;
-                line[ox] = none ? T(0) : top[ox];
-                if (of)
-                    of[static_cast<std::size_t>(oy) * outWidth + ox] = none ? seen[ox] : 0u;
+            std::uint8_t* flagLine = of ? of + static_cast<std::size_t>(oy) * outWidth : nullptr;
+            for (int ox = 0, x = 0; ox < outWidth; ++ox) {
+                const int end = std::min(x + bin, width);
+                T m = lowest;
+                std::uint8_t anyValid = 0, all = 0;
+                for (; x < end; ++x) {
+                    m = t[x] > m ? t[x] : m;
+                    anyValid |= va[x];
+                    all |= se[x];
+                }
+                const bool none = f && !anyValid;
+                line[ox] = none ? T(0) : m;
+                if (flagLine)
+                    flagLine[ox] = none ? all : std::uint8_t(0);
             }
         }
     });
@@ -191,16 +235,16 @@ namespace {
 
 /// The libpng calls; false where libpng gave up. It reports failures by a long jump back
 /// into this function, which therefore holds nothing with a destructor.
-bool writeRows(png_structp png, png_infop info, int width, int height, png_bytepp rows)
+bool writeRows(png_structp png, png_infop info, int width, int height, png_bytepp rows, int level, int filters,
+               int strategy)
 {
     if (setjmp(png_jmpbuf(png)))
         return false;
     png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), 8, PNG_COLOR_TYPE_RGB,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    // Level 1 with the "up" filter: measured the quickest per byte sent for these pictures,
-    // whose rows repeat (blocks, flat background).
-    png_set_compression_level(png, 1);
-    png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
+    png_set_compression_level(png, level);
+    png_set_compression_strategy(png, strategy);
+    png_set_filter(png, PNG_FILTER_TYPE_BASE, filters);
     png_write_info(png, info);
     // The rows hold 0xAARRGGBB words, little-endian B, G, R, A in memory: drop the alpha
     // byte behind, swap to R, G, B.
@@ -221,6 +265,13 @@ void appendBytes(png_structp png, png_bytep data, png_size_t length)
 
 std::string encodePng(const DImage& argb, bool bottomUp)
 {
+    // Of the settings that bench_view measures, the quickest at a size close to the
+    // smallest for these pictures: noisy backgrounds gain nothing from row filters.
+    return encodePng(argb, bottomUp, 1, PNG_FILTER_NONE, Z_DEFAULT_STRATEGY);
+}
+
+std::string encodePng(const DImage& argb, bool bottomUp, int level, int filters, int strategy)
+{
     static_assert(sizeof(unsigned int) == 4, "colour words are 32 bits");
     const int width = argb.width(), height = argb.height();
     std::vector<png_bytep> rows(static_cast<std::size_t>(height));
@@ -236,7 +287,7 @@ std::string encodePng(const DImage& argb, bool bottomUp)
     bool written = false;
     if (info) {
         png_set_write_fn(png, &out, &appendBytes, nullptr);
-        written = writeRows(png, info, width, height, rows.data());
+        written = writeRows(png, info, width, height, rows.data(), level, filters, strategy);
     }
     png_destroy_write_struct(&png, &info);
     if (!written)

@@ -17,15 +17,21 @@ struct Limits {
     double logHigh = 10;
 };
 
-/// The frame's mask as the colour mapping reads it, one UINT 32 flag word per pixel:
+/// The frame's mask as the colour mapping reads it, one UINT 8 of flags per pixel:
 /// bit 0 a gap, bits 1 to 4 a defective pixel. From the metadata's pixel_mask, else from
-/// the detector's layout; empty when neither marks anything or the sizes disagree.
+/// the detector's layout; when neither marks anything, from the frame's invalid-pixel
+/// codes (flagsOfCodes); empty when nothing is marked.
 imglib::DImage maskFlags(const imglib::DImage& frame);
+/// Flags from the codes a detector writes into pixels it can't measure: -1 (or the largest
+/// value of a 32- or 64-bit unsigned frame) a gap, -2 (the value below it) a defective
+/// pixel. For a frame that came without a mask, such as a stream's with a short header.
+imglib::DImage flagsOfCodes(const imglib::DImage& frame);
 /// The same flags from a mask of any pixel type; empty when it marks nothing.
 imglib::DImage flagsOfMask(const imglib::DImage& mask);
 
 /// Contrast for a first look: DContrast over eight deviations, and the logarithmic top at
-/// the brightest pixel that the flags leave valid (ten times `high` if none is brighter).
+/// the brightest pixel that the flags leave valid and that is no invalid-pixel code (the
+/// two largest values of a 32- or 64-bit unsigned frame); ten times `high` if none is brighter.
 Limits autoLimits(const imglib::DImage& frame, const imglib::DImage& flags);
 
 /// The maximum of each `bin` x `bin` block of `region` (the last row and column of
@@ -55,6 +61,9 @@ imglib::DImage colourRegion(const imglib::DImage& frame, const imglib::DImage& f
 /// PNG bytes (8-bit RGB) of an ARGB image; `bottomUp` writes its last row first.
 /// Fast settings: the pictures go out at every pan and every live frame.
 std::string encodePng(const imglib::DImage& argb, bool bottomUp = false);
+/// The same with zlib's `level` and `strategy` (Z_...) and libpng's set of row `filters`
+/// (PNG_FILTER_...), for measuring the choice above.
+std::string encodePng(const imglib::DImage& argb, bool bottomUp, int level, int filters, int strategy);
 
 /// The pixel's value as text, exactly in its own type.
 std::string pixelText(const imglib::DImage& frame, int x, int y);

@@ -301,7 +301,7 @@ void ViewServer::Private::pixel(const httplib::Request& req, httplib::Response& 
     const int y = static_cast<int>(integer(req, "y", 0, 0, frame->image.height() - 1));
     const DImage& flags = flagsOf(*frame);
     const unsigned flagWord =
-        flags.empty() ? 0u : reinterpret_cast<const std::uint32_t*>(flags.cdata())[std::size_t(y) * flags.width() + x];
+        flags.empty() ? 0u : reinterpret_cast<const std::uint8_t*>(flags.cdata())[std::size_t(y) * flags.width() + x];
     Json::Value v;
     v["x"] = x;
     v["y"] = y;
@@ -358,7 +358,7 @@ void ViewServer::Private::overlay(const httplib::Request& req, httplib::Response
         frame->image.extract(&region).createMask<double>(threshold, std::numeric_limits<double>::max(), true);
     const auto* hit = reinterpret_cast<const std::uint32_t*>(above.cdata());
     const DImage& flags = flagsOf(*frame);
-    const auto* f = flags.empty() ? nullptr : reinterpret_cast<const std::uint32_t*>(flags.cdata());
+    const auto* f = flags.empty() ? nullptr : reinterpret_cast<const std::uint8_t*>(flags.cdata());
     DStdDrawingList circles;
     long long found = 0;
     for (int y = 0; y < region.height(); ++y)

@@ -179,7 +179,7 @@ void ViewTarget::follow()
             state->saturation = data.saturation_value();
             if (data.pixelMaskSize()) {
                 state->flags = shared(flagsOfMask(*data.pixel_mask()));
-                state->flagsKnown = true;
+                state->flagsKnown = state->flags != nullptr;
             }
             std::lock_guard<std::mutex> lock(_liveMutex);
             _seriesState = state;

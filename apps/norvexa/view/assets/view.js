@@ -112,6 +112,7 @@ async function renderNext() {
       }
       if (response.status === 204) continue;  // no newer live image yet
       if (!response.ok) { showMessage(await response.text()); if (state.live) await sleep(500); else break; continue; }
+      showMessage('');
       await drawResponse(response);
       if (state.playing) await sleep(120);
     }
@@ -349,7 +350,8 @@ async function pollLive() {
 // ---- events ----
 
 function wireEvents() {
-  window.addEventListener('resize', resize);
+  // The view's own size, which also changes when the bars around it do.
+  new ResizeObserver(resize).observe($('view'));
   const view = $('view');
   view.addEventListener('wheel', (event) => {
     event.preventDefault();
@@ -402,13 +404,13 @@ function wireEvents() {
 }
 
 async function start() {
-  wireEvents();
   const info = await (await fetch('/api/info')).json();
   state.info = info;
   state.live = info.mode === 'live';
   $('title').textContent = info.target;
   document.title = 'norvexa view: ' + info.target;
-  resize();
+  if (!state.live) state.image = info.first;
+  wireEvents();  // its first size report draws the first picture
   if (state.live) {
     $('live').hidden = false;
     pollLive();
