@@ -199,9 +199,13 @@ async function updateLegend() {
   $('legendImage').src = '/api/legend.png?' + key;
   const ticks = $('ticks');
   ticks.textContent = '';
+  let lastTop = -Infinity;
   for (const [row, value] of legend.ticks) {
+    const top = 1 + legend.rows - 1 - row;
+    if (Math.abs(top - lastTop) < 12) continue;  // a label every 12 pixels at most
+    lastTop = top;
     const d = document.createElement('div');
-    d.style.top = (1 + legend.rows - 1 - row) + 'px';
+    d.style.top = top + 'px';
     d.textContent = Number(value.toPrecision(4));
     ticks.appendChild(d);
   }
