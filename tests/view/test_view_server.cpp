@@ -303,3 +303,60 @@ TEST_F(LiveView, EveryReceivedImageIsDisplayedOrSkippedAcrossSeries)
     EXPECT_NE(viewer.get("/api/header?image=live")->body.find(R"("series":)"), std::string::npos);
     EXPECT_EQ(viewer.status("/api/pixel?image=live&x=63&y=47"), 200);
 }
+
+TEST(ViewPicture, MaskFlagsAreWhatTheColourMappingReads)
+{
+    DImage frame(4, 1, 7);
+    frame.setPixel<int>(1, 0, -1);
+    frame.setPixel<int>(2, 0, -2);
+    const auto flagsOf = [](const DImage& flags) {
+        std::vector<int> out;
+        for (int x = 0; x < flags.width(); ++x)
+            out.push_back(flags.pixel<unsigned char>(x, 0, 255));
+        return out;
+    };
+    {
+        SCOPED_TRACE("an int mask: bits 0 to 4 of its absolute value");
+        DImage mask(4, 1, 0);
+        mask.setPixel<int>(0, 0, -1);
+        mask.setPixel<int>(1, 0, 34); // bit 5 is no flag
+        mask.setPixel<int>(3, 0, -6);
+        EXPECT_EQ(flagsOf(view::flagsOfMask(mask)), (std::vector<int>{1, 2, 0, 6}));
+    }
+    {
+        SCOPED_TRACE("a bool mask marks gaps only");
+        DImage mask(4, 1, false);
+        mask.setPixel<bool>(2, 0, true);
+        EXPECT_EQ(flagsOf(view::flagsOfMask(mask)), (std::vector<int>{0, 0, 1, 0}));
+    }
+    {
+        SCOPED_TRACE("a floating mask is ignored, as by DColorMap::rgb");
+        EXPECT_TRUE(view::flagsOfMask(DImage(4, 1, 1.0)).empty());
+    }
+    {
+        SCOPED_TRACE("without a mask, the invalid-pixel codes");
+        EXPECT_EQ(flagsOf(view::maskFlags(frame)), (std::vector<int>{0, 1, 2, 0}));
+        DImage unsignedFrame(3, 1, 5u);
+        unsignedFrame.setPixel<unsigned int>(0, 0, 0xFFFFFFFFu);
+        unsignedFrame.setPixel<unsigned int>(2, 0, 0xFFFFFFFEu);
+        EXPECT_EQ(flagsOf(view::maskFlags(unsignedFrame)), (std::vector<int>{1, 0, 2}));
+        EXPECT_TRUE(view::maskFlags(DImage(3, 1, static_cast<unsigned short>(65535))).empty());
+    }
+    {
+        SCOPED_TRACE("a mask in the metadata wins over the codes; one of another size is dropped");
+        DImage withMask = frame;
+        DImage mask(4, 1, 0u);
+        mask.setPixel<unsigned int>(3, 0, 1u);
+        withMask.optionalData().set_pixel_mask(mask);
+        EXPECT_EQ(flagsOf(view::maskFlags(withMask)), (std::vector<int>{0, 0, 0, 1}));
+        withMask.optionalData().set_pixel_mask(DImage(5, 1, 1u));
+        EXPECT_EQ(flagsOf(view::maskFlags(withMask)), (std::vector<int>{0, 1, 2, 0}));
+    }
+    {
+        SCOPED_TRACE("the logarithmic top ignores codes and flagged pixels");
+        DImage coded(4, 1, 10u);
+        coded.setPixel<unsigned int>(0, 0, 0xFFFFFFFFu);
+        coded.setPixel<unsigned int>(1, 0, 900u);
+        EXPECT_EQ(view::autoLimits(coded, DImage()).logHigh, 900);
+    }
+}
