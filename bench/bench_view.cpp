@@ -85,6 +85,18 @@ void BM_BinFitted(benchmark::State& state)
     }
 }
 
+void BM_ColourBinned(benchmark::State& state)
+{
+    const Frame& f = frame16M();
+    DImage binned, binnedFlags;
+    view::binByMaximum(f.image, f.flags, kFitted.region, 5, binned, binnedFlags);
+    const DRect all(0, 0, binned.width(), binned.height());
+    for (auto _ : state) {
+        const DImage picture = view::colourRegion(binned, binnedFlags, all, 1, f.colouring);
+        benchmark::DoNotOptimize(picture.cdata());
+    }
+}
+
 void BM_Png(benchmark::State& state, int level, int filters, int strategy)
 {
     const Frame& f = frame16M();
@@ -183,6 +195,7 @@ int main(int argc, char** argv)
     add("Picture/16M_zoomed_4x_480x270", BM_Picture, kZoomed);
     add("Picture/16M_one_to_one_1920x1080", BM_Picture, kOneToOne);
     add("Bin/16M_fitted_by_5", BM_BinFitted);
+    add("Colour/16M_fitted_binned_830x873", BM_ColourBinned);
     add("Live/6M_bslz4_image_to_fitted_png", BM_LiveImage);
     add("Http/16M_fitted_1920x1080", BM_Http, kFitted);
     add("Http/16M_zoomed_4x_480x270", BM_Http, kZoomed);

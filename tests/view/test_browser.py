@@ -132,6 +132,18 @@ def test_series_frame_slider_and_pointer(browser):
             canvas, int(sx - canvas.size["width"] / 2), int(sy - canvas.size["height"] / 2)).perform()
         wait_until(lambda: "(gap)" in readout.text, 10, "the gap's readout")
 
+        # The overlay: circles round the pixels of image 3 above 3450 (y * 37 + x * 3 > 450).
+        threshold = browser.find_element(By.ID, "threshold")
+        threshold.clear()
+        threshold.send_keys("3450", Keys.ENTER)
+        browser.find_element(By.ID, "overlay").click()
+        marked = """const c = document.getElementById('marks'), d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
+                    let n = 0; for (let i = 3; i < d.length; i += 4) n += d[i] > 0; return n;"""
+        wait_until(lambda: browser.execute_script(marked) > 0, 10, "circles drawn")
+        shoot(browser, "series_image3_circles.png")
+        browser.find_element(By.ID, "overlay").click()
+        wait_until(lambda: browser.execute_script(marked) == 0, 10, "circles gone")
+
         # Zoom in on the wheel: fewer frame pixels per screen pixel, still the library's colours.
         before = state(browser, "scale")
         browser.execute_script("""

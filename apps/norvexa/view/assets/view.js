@@ -309,7 +309,7 @@ async function drawOverlay() {
   const threshold = Number($('threshold').value);
   if (!Number.isFinite(threshold)) return;
   const r = state.lastRegion;
-  const response = await fetch('/api/overlay?' + query({ image: imageParam(), threshold, radius: 3,
+  const response = await fetch('/api/overlay?' + query({ image: imageParam(), threshold, radius: 0.75,
                                                           x: r.x, y: r.y, w: r.w, h: r.h }));
   if (!response.ok || response.status === 204 || mine !== overlayRequest) return;
   const overlay = await response.json();
@@ -319,7 +319,7 @@ async function drawOverlay() {
     g.strokeStyle = colour;
     g.beginPath();
     g.ellipse((x - state.left) / state.scale, (y - state.top) / state.scale,
-              Math.max(5, rx / state.scale), Math.max(5, ry / state.scale), 0, 0, 2 * Math.PI);
+              Math.max(6, rx / state.scale), Math.max(6, ry / state.scale), 0, 0, 2 * Math.PI);
     g.stroke();
   }
 }
