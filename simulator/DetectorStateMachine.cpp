@@ -1,5 +1,6 @@
 #include "DetectorStateMachine.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 
@@ -133,8 +134,11 @@ void DetectorStateMachine::acquire()
             if (_wake.wait_for(lock, period, [this] { return _stop; }))
                 return; // the command that stopped us ends the series
         }
+        const bool wanted = std::any_of(_observers.begin(), _observers.end(),
+                                        [](const SeriesObserver* o) { return o->wantsPixels(); });
         const imglib::DImage frame =
-            _frames(info.width, info.height, static_cast<std::uint32_t>(info.series * 100003 + image));
+            wanted ? _frames(info.width, info.height, static_cast<std::uint32_t>(info.series * 100003 + image))
+                   : imglib::DImage();
         for (SeriesObserver* observer : _observers)
             observer->frameProduced(info, image, frame);
         std::lock_guard<std::mutex> lock(_mutex);

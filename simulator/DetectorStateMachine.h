@@ -35,6 +35,9 @@ public:
     virtual ~SeriesObserver() = default;
     virtual void seriesStarted(const SeriesInfo&) {}
     virtual void frameProduced(const SeriesInfo&, int /*imageNumber*/, const imglib::DImage&) {}
+    /// Whether frameProduced reads the frame's pixels now; when no observer does, the frame
+    /// is not computed, and a stream of large frames runs at its own pace.
+    virtual bool wantsPixels() const { return true; }
     virtual void seriesEnded(const SeriesInfo&, int /*framesProduced*/, bool /*aborted*/) {}
 };
 

@@ -52,6 +52,12 @@ void FileArea::seriesStarted(const SeriesInfo& info)
     }
 }
 
+bool FileArea::wantsPixels() const
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _writer != nullptr;
+}
+
 void FileArea::frameProduced(const SeriesInfo&, int, const imglib::DImage& frame)
 {
     std::lock_guard<std::mutex> lock(_mutex);

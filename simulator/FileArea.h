@@ -25,6 +25,7 @@ public:
 
     void seriesStarted(const SeriesInfo& info) override;
     void frameProduced(const SeriesInfo& info, int imageNumber, const imglib::DImage& frame) override;
+    bool wantsPixels() const override;
     void seriesEnded(const SeriesInfo& info, int framesProduced, bool aborted) override;
 
     /// The names of the files, relative to the area, sorted.

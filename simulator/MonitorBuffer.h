@@ -32,6 +32,7 @@ public:
     MonitorBuffer(ParameterStore& store, std::filesystem::path scratch);
 
     void frameProduced(const SeriesInfo& info, int imageNumber, const imglib::DImage& frame) override;
+    bool wantsPixels() const override { return _store.value("monitor", "config", "mode").asString() == "enabled"; }
 
     /// "monitor" or "next"; nothing when no frame came within `timeout` or the buffer was
     /// stopped.

@@ -46,6 +46,8 @@ public:
 
     void seriesStarted(const SeriesInfo& info) override;
     void frameProduced(const SeriesInfo& info, int imageNumber, const imglib::DImage&) override;
+    /// The stream sends the frames it prepared when the series started.
+    bool wantsPixels() const override { return false; }
     void seriesEnded(const SeriesInfo& info, int framesProduced, bool aborted) override;
 
 private:

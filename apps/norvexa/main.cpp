@@ -5,9 +5,7 @@
 #include "CliSupport.h"
 #include "Commands.h"
 
-#ifdef NORVEXA_WITH_VIEW
 #include "ViewCommand.h"
-#endif
 
 #include "DGlobal.h"
 #include "foundation/hdf5/DH5DontPrint.h"
@@ -52,9 +50,7 @@ int main(int argc, char** argv)
 #ifdef NORVEXA_WITH_SIM
     addSimCommand(app);
 #endif
-#ifdef NORVEXA_WITH_VIEW
     addViewCommand(app);
-#endif
 
     // Failures are the one line below, never HDF5's error stack.
     const norvexa::hdf5::DH5DontPrint quiet;

@@ -1,0 +1,20 @@
+# Writes OUTPUT: a C++ source holding the files ASSETS (a list) as byte arrays, and
+# findAsset() over them by file name. Run at build time, so that the page has no build
+# step of its own and the program serves it without reading any file.
+set(body "// Generated from apps/norvexa/view/assets by EmbedAssets.cmake; do not edit.\n#include \"Assets.h\"\n\nnamespace norvexa {\nnamespace view {\nnamespace {\n")
+set(table "")
+set(index 0)
+foreach(file ${ASSETS})
+    get_filename_component(name ${file} NAME)
+    file(READ ${file} hex HEX)
+    string(LENGTH "${hex}" length)
+    math(EXPR size "${length} / 2")
+    string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+    string(APPEND body "const unsigned char asset${index}[] = {${bytes}0};\n")
+    string(APPEND table "    {\"${name}\", asset${index}, ${size}},\n")
+    math(EXPR index "${index} + 1")
+endforeach()
+string(APPEND body "const Asset assets[] = {\n${table}};\n} // namespace\n\n")
+string(APPEND body "const Asset* findAsset(const std::string& name)\n{\n    for (const Asset& asset : assets)\n        if (name == asset.name)\n            return &asset;\n    return nullptr;\n}\n\n} // namespace view\n} // namespace norvexa\n")
+file(WRITE ${OUTPUT}.tmp "${body}")
+file(COPY_FILE ${OUTPUT}.tmp ${OUTPUT} ONLY_IF_DIFFERENT)
