@@ -219,11 +219,13 @@ public:
         if (_mapped && identityOf(name) == _identity)
             return *_mapped;
         drop();
+        const boost::optional<Identity> before = identityOf(name);
         std::unique_ptr<ShmSegment> mapped = make();
         const boost::optional<Identity> identity = identityOf(name);
-        // Made or opened, the object must be under the name now; anything else is a
-        // remover outside the hand-shake, and then nothing is kept.
-        if (identity) {
+        // A removed object never comes back under its name, so the same one before and
+        // after means that it is the one mapped (or made here, if there was none). Else a
+        // remover outside the hand-shake was at work, and nothing is kept.
+        if (identity && (!before || *before == *identity)) {
             _mapped = std::move(mapped);
             _identity = *identity;
             return *_mapped;
