@@ -1,9 +1,10 @@
 // The message queue between two real processes: a 16M frame with its metadata, sent by
-// this process and received by a forked one, beside two memcpys of the same bytes in
-// one process (the limit of a design that copies into shared memory and out again):
-// once between buffers in use, once the way the queue touches memory (a segment mapped
-// anew for each message on both sides, and a new buffer for the received frame). And the
-// rate of short texts.
+// this process and received by a forked one into the same DImage again and again, beside
+// two memcpys of the same bytes in one process (the limit of a design that copies into
+// shared memory and out again): once between buffers in use, once the way a queue that
+// kept nothing would touch memory (a segment mapped anew for each message on both sides,
+// and a new buffer for the received frame). The first message of a size, which makes the
+// segment and maps it on both sides, is measured apart. And the rate of short texts.
 
 #include "common/DetectorFrames.h"
 
@@ -113,6 +114,29 @@ static void BM_QueueFrameToOtherProcess(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * frame.size() * 4));
 }
 BENCHMARK(BM_QueueFrameToOtherProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+/// The first frame on a new queue: the segment is made and mapped on both sides, and the
+/// receiver allocates its frame. A new queue and receiver for each iteration, untimed.
+static void BM_QueueFrameFirstMessage(benchmark::State& state)
+{
+    const DImage frame = frameWithMetadata();
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto receiver = std::make_unique<Receiver>();
+        // The receiver has opened its side once it answers.
+        receiver->queue().send(std::string("texts"));
+        for (int i = 0; i < kTextsPerBatch; ++i)
+            receiver->queue().send(std::string());
+        receiver->queue().receive();
+        state.ResumeTiming();
+        sendFrame(receiver->queue(), frame);
+        state.PauseTiming();
+        receiver.reset();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * frame.size() * 4));
+}
+BENCHMARK(BM_QueueFrameFirstMessage)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(4);
 
 static void BM_TwoMemcpysOfTheFrame(benchmark::State& state)
 {

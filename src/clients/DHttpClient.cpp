@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 
@@ -19,6 +20,12 @@ namespace {
 
 using Data = image::DBasicImageData<image::StdAllocator>;
 using Headers = std::map<std::string, std::string>;
+
+/// The largest announced body that is allocated before it arrives.
+constexpr std::uint64_t kMaxReserve = std::uint64_t(1) << 30;
+/// Room behind a body of announced length, where a parser may put its zero padding
+/// without copying the body.
+constexpr std::size_t kParserSlack = 64;
 
 struct CurlDeleter {
     void operator()(CURL* curl) const noexcept { curl_easy_cleanup(curl); }
@@ -89,12 +96,32 @@ int progressCallback(void* flag, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
     return static_cast<const std::atomic<bool>*>(flag)->load() ? 1 : 0;
 }
 
+/// Where a reply's body goes: its buffer, and the handle that knows the announced length.
+struct BodySink {
+    Data& data;
+    CURL* curl;
+};
+
 std::size_t writeToDataCallback(char* bytes, std::size_t size, std::size_t count, void* userData)
 {
-    Data& data = *static_cast<Data*>(userData);
+    BodySink& sink = *static_cast<BodySink*>(userData);
+    Data& data = sink.data;
     const std::size_t n = size * count;
     const std::size_t oldSize = data.size();
     const std::size_t newSize = oldSize + n;
+    if (oldSize == 0 && newSize > 0) {
+        // A body of known length (a monitor frame is tens of megabytes) goes into one
+        // buffer of its size: growing by steps would copy it over and over, and fault in
+        // each new buffer. A length that can't be had is left to the growth below.
+        curl_off_t length = -1;
+        if (curl_easy_getinfo(sink.curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK &&
+            static_cast<std::uint64_t>(length) > newSize && static_cast<std::uint64_t>(length) <= kMaxReserve) {
+            try {
+                data.reserve(static_cast<std::size_t>(length) + kParserSlack);
+            } catch (const std::bad_alloc&) {
+            }
+        }
+    }
     // Growing by a factor keeps a reply of many pieces at a logarithmic number of moves.
     if (newSize > data.capacity())
         data.reserve(static_cast<std::size_t>(std::ceil(static_cast<double>(newSize) * 1.4)));
@@ -300,8 +327,9 @@ DHttpClient::QueryReturn DHttpClient::query(const std::string& path, Method meth
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headerList.get());
 
     QueryReturn result;
+    BodySink sink{result.data, curl};
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &writeToDataCallback);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &result.data);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &headerCallback);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &result.headers);
     curl_easy_setopt(curl, CURLOPT_USERAGENT, "libcurl-agent/1.0");

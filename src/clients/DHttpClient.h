@@ -29,7 +29,8 @@ public:
         /// Reply header lines: keys lower-case and trimmed, values trimmed; of a repeated
         /// header the last one stands.
         std::map<std::string, std::string> headers;
-        /// The reply's body; empty after a download.
+        /// The reply's body; empty after a download. A body of announced length arrives
+        /// in one buffer of that size, with a little room behind it for a parser's padding.
         image::DBasicImageData<image::StdAllocator> data;
     };
 

@@ -210,7 +210,7 @@ MonitorFrame httpGetImage(const DHttpClient& client, const std::string& version,
     const std::string base = "/monitor/api/" + version + "/";
     const std::map<std::string, std::string> headers{{"accept", "application/tiff"}};
     const DTime start = DTime::now();
-    const DHttpClient::QueryReturn reply = client.query(
+    DHttpClient::QueryReturn reply = client.query(
         base + "images/" + name + "?timeout=" + std::to_string(timeout), DHttpClient::Get, abort,
         headers, Data());
     throwBadStatusException(reply, start);
@@ -224,7 +224,14 @@ MonitorFrame httpGetImage(const DHttpClient& client, const std::string& version,
     const std::string imageName = "http://" + client.host() + ":" + std::to_string(client.port()) +
                                   "   Series: " + std::to_string(frame.series) +
                                   "   Image: " + std::to_string(frame.imageNumber);
-    DTifReader(reply.data, imageName).readData(frame.image, nullptr);
+    // The reader takes the body as it is, without a copy, if the padding it needs fits
+    // behind the bytes (the client leaves room for it).
+    Data& body = reply.data;
+    if (body.size() && body.capacity() - body.size() >= DAbstractImageReader::kPadding) {
+        std::memset(body.data() + body.size(), 0, DAbstractImageReader::kPadding);
+        body.allowSharing();
+    }
+    DTifReader(body, imageName).readData(frame.image, nullptr);
     return frame;
 }
 

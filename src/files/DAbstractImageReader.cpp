@@ -159,7 +159,16 @@ DAbstractImageReader::DAbstractImageReader(const char* fileName, int /*timeout*/
 DAbstractImageReader::DAbstractImageReader(const Data& data, const std::string& fileName)
     : _fileName(fileName)
 {
-    assignPadded(_data, data.cdata(), data.size());
+    // A buffer that carries the zero padding in its own block already is shared, not
+    // copied: a downloaded frame is tens of megabytes.
+    const std::size_t size = data.size();
+    if (size && data.capacity() - size >= kPadding &&
+        std::all_of(data.cdata() + size, data.cdata() + size + kPadding, [](char c) { return c == 0; })) {
+        _data = data;
+        if (_data.cdata() == data.cdata())
+            return;
+    }
+    assignPadded(_data, data.cdata(), size);
 }
 
 DAbstractImageReader::~DAbstractImageReader() = default;

@@ -14,10 +14,14 @@
 #include <boost/interprocess/sync/interprocess_mutex.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <typeinfo>
 #include <utility>
+
+#include <sys/stat.h>
 
 namespace bip = boost::interprocess;
 
@@ -70,23 +74,49 @@ struct Crossing<DImage> {
     {
         return image.optionalData().neXus().size() * 1024 + image.size() * (image.dataSize() + 4);
     }
-    static DImage back(const Shared& shared) { return DImage(shared); }
+    static void back(const Shared& shared, DImage& image)
+    {
+        const image::DBasicImage<ShmAllocator>& from = shared.imageData();
+        const DBasicImage& to = image.constImageData();
+        const bool samePixels = from.filter() == image::DCompression::FILTER_NONE &&
+                                to.filter() == image::DCompression::FILTER_NONE && from.type() == to.type() &&
+                                from.typeBits() == to.typeBits() && from.usedBytes() == to.usedBytes() &&
+                                std::equal(from.shape().begin(), from.shape().end(), to.shape().begin(),
+                                           to.shape().end());
+        if (samePixels) {
+            // The caller's buffer is written over: its pages are in use already, where a
+            // new block of a frame's size would be faulted in page by page.
+            if (from.usedBytes())
+                std::memcpy(image.data(), from.cdata(), from.usedBytes());
+        } else {
+            // The old pixels go first, so that the new block may take their place.
+            image.setImageData(DBasicImage());
+            image.setImageData(DBasicImage(from, image::StdAllocator()));
+        }
+        // The metadata is a tree of small nodes (and a mask of the frame's size, when there
+        // is one): it is built anew, after the old one has been let go for the same reason.
+        image.optionalData().clear();
+        image.setOptionalData(DImageOptionalData(shared.optionalData(), image::StdAllocator()));
+    }
 };
 
 template <>
 struct Crossing<DArray<DPixel>> {
     using Shared = DArray<DPixel, ShmAllocator>;
     static std::size_t firstSize(const DArray<DPixel>& array) { return array.size() * sizeof(DPixel) + 4096; }
-    static DArray<DPixel> back(const Shared& shared) { return DArray<DPixel>(shared, image::StdAllocator()); }
+    static void back(const Shared& shared, DArray<DPixel>& array)
+    {
+        array = DArray<DPixel>(shared, image::StdAllocator());
+    }
 };
 
 template <>
 struct Crossing<DStdDrawingList> {
     using Shared = DShmDrawingList;
     static std::size_t firstSize(const DStdDrawingList& list) { return list.memsize() + 4096; }
-    static DStdDrawingList back(const Shared& shared)
+    static void back(const Shared& shared, DStdDrawingList& list)
     {
-        return DStdDrawingList(shared, image::StdAllocator());
+        list = DStdDrawingList(shared, image::StdAllocator());
     }
 };
 
@@ -145,6 +175,78 @@ private:
     bip::file_lock& _lock;
 };
 
+/// Which shared object a name stands for: a replaced segment is a new object under the
+/// old name, with another inode, while the one still mapped keeps its own.
+struct Identity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;
+    bool operator==(const Identity& other) const
+    {
+        return device == other.device && inode == other.inode && size == other.size;
+    }
+};
+
+/// The identity of the object now under `name`; none if nothing is there.
+boost::optional<Identity> identityOf(const std::string& name)
+{
+    try {
+        const bip::shared_memory_object object(bip::open_only, name.c_str(), bip::read_only);
+        struct stat status {};
+        if (::fstat(object.get_mapping_handle().handle, &status) != 0)
+            return boost::none;
+        return Identity{status.st_dev, status.st_ino, status.st_size};
+    } catch (const bip::interprocess_exception&) {
+        return boost::none;
+    }
+}
+
+/// This process's mapping of one direction's data segment, kept from one message to the
+/// next. Mapping a segment of a frame's size anew for each message would fault every
+/// page in again, which costs more than the copy itself. The mapping is used only while
+/// the object under the name is still the one mapped (same inode): the sender replaces
+/// the segment when an object does not fit, and the main side's open() and a failed
+/// transfer remove it, and none of them tells the other side.
+class DataSegment {
+public:
+    /// The segment under `name`, mapped anew only if it is not the one mapped already;
+    /// `make` maps it (open or create) when needed. Called under the slot's mutex, which
+    /// every sender and receiver of the direction holds while it makes, replaces or maps
+    /// the segment.
+    template <class Make>
+    ShmSegment& get(const std::string& name, Make make)
+    {
+        if (_mapped && identityOf(name) == _identity)
+            return *_mapped;
+        drop();
+        const boost::optional<Identity> before = identityOf(name);
+        std::unique_ptr<ShmSegment> mapped = make();
+        const boost::optional<Identity> identity = identityOf(name);
+        // A removed object never comes back under its name, so the same one before and
+        // after means that it is the one mapped (or made here, if there was none). Else a
+        // remover outside the hand-shake was at work, and nothing is kept.
+        if (identity && (!before || *before == *identity)) {
+            _mapped = std::move(mapped);
+            _identity = *identity;
+            return *_mapped;
+        }
+        _unkept = std::move(mapped);
+        return *_unkept;
+    }
+    /// Unmaps (the segment itself stays, unless it has been removed).
+    void drop() noexcept
+    {
+        _mapped.reset();
+        _unkept.reset();
+        _identity = Identity();
+    }
+
+private:
+    std::unique_ptr<ShmSegment> _mapped;
+    std::unique_ptr<ShmSegment> _unkept;
+    Identity _identity;
+};
+
 } // namespace
 
 class DMessageQueuePrivate {
@@ -155,6 +257,8 @@ public:
         queueIn.reset();
         queueOut.reset();
         admin.reset();
+        dataIn.drop();
+        dataOut.drop();
         condIn = nullptr;
         condOut = nullptr;
     }
@@ -187,6 +291,10 @@ public:
     MessageCondition* condOut = nullptr;
     std::unique_ptr<bip::file_lock> mainLock;
     std::unique_ptr<bip::file_lock> subLock;
+    /// The mappings of the segments of dataInName and dataOutName, each guarded by the
+    /// mutex of its direction's slot.
+    DataSegment dataIn;
+    DataSegment dataOut;
 };
 
 template <class Data>
@@ -203,15 +311,18 @@ void DMessageQueuePrivate::sendObject(const Data& data, const std::atomic<bool>*
         condition.flag = 0;
         for (std::size_t size = Crossing<Data>::firstSize(data);; size += kSegmentGrowth) {
             // A segment left by an earlier message is taken as it is, whatever its size.
-            ShmSegment messageData(bip::open_or_create, dataOutName.c_str(), size, nullptr,
-                                   bip::permissions(kPermissions));
+            ShmSegment& messageData = dataOut.get(dataOutName, [&] {
+                return std::make_unique<ShmSegment>(bip::open_or_create, dataOutName.c_str(), size, nullptr,
+                                                    bip::permissions(kPermissions));
+            });
             try {
                 const ShmAllocator allocator(messageData.get_segment_manager());
                 messageData.construct<ShmData>(typeid(Data).name())(data, allocator);
                 break;
             } catch (const bip::bad_alloc&) {
-                // The receiver opens the segment anew for each message, so a bigger one
-                // under the same name is found.
+                // A bigger one goes under the same name: a receiver that has the old one
+                // mapped sees another object under the name and maps the new one.
+                dataOut.drop();
                 bip::shared_memory_object::remove(dataOutName.c_str());
             }
         }
@@ -220,6 +331,7 @@ void DMessageQueuePrivate::sendObject(const Data& data, const std::atomic<bool>*
         condition.condition.notify_all();
     } catch (const bip::interprocess_exception& e) {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
+        dataOut.drop();
         bip::shared_memory_object::remove(dataOutName.c_str());
         throw DMessageQueueException(e.what());
     }
@@ -236,15 +348,17 @@ void DMessageQueuePrivate::receiveObject(Data& data, const std::atomic<bool>* ab
     try {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
         waitUntil(condition, lock, abort, [&] { return condition.flag == 0; });
-        ShmSegment messageData(bip::open_only, dataInName.c_str());
+        ShmSegment& messageData = dataIn.get(
+            dataInName, [&] { return std::make_unique<ShmSegment>(bip::open_only, dataInName.c_str()); });
         const ShmData* shmData = messageData.find<ShmData>(typeid(Data).name()).first;
         NORVEXA_ASSERT(shmData, "receive");
-        data = Crossing<Data>::back(*shmData);
+        Crossing<Data>::back(*shmData, data);
         messageData.destroy<ShmData>(typeid(Data).name());
         condition.flag = 1;
         condition.condition.notify_all();
     } catch (const bip::interprocess_exception& e) {
         bip::scoped_lock<bip::interprocess_mutex> lock(condition.mutex);
+        dataIn.drop();
         bip::shared_memory_object::remove(dataInName.c_str());
         throw DMessageQueueException(e.what());
     }

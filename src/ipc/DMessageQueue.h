@@ -39,6 +39,21 @@ class DMessageQueuePrivate;
 /// a failure inside the object channel the slot stays as it was left (a failed send
 /// leaves it occupied); both sides then have to open the queue anew.
 ///
+/// What is kept between messages, so that a frame costs its two copies and no more:
+/// - Each side keeps its mappings of both data segments until close() or open(). A
+///   segment mapped anew faults in every page again, which for a frame costs more than
+///   the copies. Before each use the mapping is checked against the object now under the
+///   segment's name (its inode): a sender that grows the segment removes it and makes a
+///   bigger one under the same name, a main side's open() and a failed transfer remove
+///   it, and the other side then maps the new one instead of reading the old.
+/// - receive(DImage&) copies into the caller's pixel buffer when it already has the
+///   shape and pixel type of the arriving frame, so a viewer that receives into one
+///   DImage in a loop touches no fresh memory. (If that buffer is shared with a copy of
+///   the image, the copy keeps it and the receiver gets a buffer of its own first.)
+///   Otherwise, and for the metadata (small nodes, and a mask of the frame's size when
+///   there is one), the old contents are let go before the new ones are allocated, so
+///   that the heap's cache of large blocks hands the same memory back.
+///
 /// Each blocking call has a twin with a trailing abort flag (std::atomic<bool>), for a
 /// thread that must be able to call the wait off: it waits in slices of at most 100 ms,
 /// looks at the flag before the first and after each, and once the flag is set leaves by

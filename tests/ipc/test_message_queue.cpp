@@ -3,6 +3,9 @@
 #include "DImage.h"
 #include "DMessageQueue.h"
 #include "DTerminateException.h"
+#include "foundation/image/DAllocators.h"
+
+#include <boost/interprocess/shared_memory_object.hpp>
 
 #include <atomic>
 #include <cerrno>
@@ -10,11 +13,13 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <poll.h>
 #include <sys/mman.h>
@@ -24,6 +29,7 @@
 using namespace norvexa;
 using namespace norvexa::imglib;
 namespace fs = std::filesystem;
+namespace bip = boost::interprocess;
 
 namespace {
 
@@ -205,6 +211,37 @@ DArray<DPixel> pixels(std::size_t count, int seed)
     for (std::size_t i = 0; i < count; ++i)
         array.pushBack(DPixel{static_cast<std::int32_t>(i), seed, 0.5 * static_cast<double>(i)});
     return array;
+}
+
+/// The lines of this process's memory map that show the shared object `i` of the test.
+std::vector<std::string> mappingsOf(int i)
+{
+    std::ifstream maps("/proc/self/maps");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(maps, line);)
+        if (line.find(gNames[i]) != std::string::npos)
+            lines.push_back(line);
+    return lines;
+}
+
+/// A frame of `width` x 300 pixels made from `seed`, with metadata that differs by seed
+/// (an odd seed adds a mask and a node of its own).
+DImage frame(int width, unsigned seed)
+{
+    DImage image(width, 300, datatypes::UINT, 4);
+    auto* p = reinterpret_cast<std::uint32_t*>(image.data());
+    for (std::size_t i = 0; i < image.size(); ++i)
+        p[i] = static_cast<std::uint32_t>(i * 2654435761u + seed);
+    auto& m = image.optionalData();
+    m.set_count_time(0.5f * static_cast<float>(seed));
+    m.setImageDescription("frame " + std::to_string(seed));
+    if (seed % 2) {
+        DImage mask(width, 300, 0u);
+        mask.setPixel<unsigned>(static_cast<int>(seed), 7, 4);
+        m.set_pixel_mask(mask);
+        m.neXus().newPath("/entry/sample/name", nexus::NeXusData).asData().setValue(std::string("odd"));
+    }
+    return image;
 }
 
 /// Answers what arrives, in the order of `kinds`: an i(mage) by its
@@ -457,4 +494,97 @@ TEST_F(MessageQueue, AnAbortFlagEndsEveryBlockingCallAndLeavesTheQueueAsItWas)
     EXPECT_EQ(fingerprint(list), fingerprint(spots(2)));
     q.send(pixels(4, 4), clear);
     EXPECT_EQ(sub.join(), 0);
+}
+
+TEST_F(MessageQueue, SegmentsStayMappedBetweenMessagesAndGrowBothWays)
+{
+    // Each way: a small object makes the segment, a big one replaces it by a bigger one,
+    // a small one again fits the big one. The main side maps both segments throughout,
+    // the current ones only (a replaced one shows as deleted while it is still mapped).
+    constexpr long long kSmall = 10 * 16 + 4096, kBigOut = 300000 * 16 + 4096 + 4194304,
+                        kSmallBack = 11 * 16 + 4096, kBigBack = 300001 * 16 + 4096 + 4194304;
+    const std::size_t counts[] = {10, 300000, 10};
+    const long long outSizes[] = {kSmall, kBigOut, kBigOut};
+    const long long backSizes[] = {kSmallBack, kBigBack, kBigBack};
+    DMessageQueue q(queue);
+    Peer echoing([&](Peer&) { return echo(queue, "aaa"); });
+    DArray<DPixel> back;
+    for (int step = 0; step < 3; ++step) {
+        SCOPED_TRACE(counts[step]);
+        DArray<DPixel> sent = pixels(counts[step], step);
+        q.send(sent);
+        q.receive(back);
+        sent.pushBack(DPixel{});
+        EXPECT_EQ(back.vector(), sent.vector());
+        EXPECT_EQ(objectSize(4), outSizes[step]);
+        EXPECT_EQ(objectSize(3), backSizes[step]);
+        for (int i : {3, 4}) {
+            const std::vector<std::string> lines = mappingsOf(i);
+            EXPECT_EQ(lines.size(), 1u) << gNames[i];
+            for (const std::string& line : lines)
+                EXPECT_EQ(line.find("(deleted)"), std::string::npos) << line;
+        }
+    }
+    EXPECT_EQ(echoing.join(), 0);
+    q.close();
+    EXPECT_TRUE(mappingsOf(3).empty() && mappingsOf(4).empty()) << "close unmaps";
+}
+
+TEST_F(MessageQueue, AReceiverNeverReadsASegmentThatWasReplacedUnderItsName)
+{
+    // The sub side removes the segment that the main side has mapped, sends again (into a
+    // new segment of the same size under the name), and then plants an object with other
+    // values in the old one. A receiver that trusted its mapping would read those.
+    using Shared = DArray<DPixel, image::ShmAllocator>;
+    const std::string dataName = gNames[3] + 1;
+    DMessageQueue q(queue);
+    Peer sub([&](Peer& self) {
+        DMessageQueue q(queue);
+        q.send(pixels(5, 1));
+        if (q.receive() != "taken")
+            return 1;
+        image::ShmSegment old(bip::open_only, dataName.c_str());
+        bip::shared_memory_object::remove(dataName.c_str());
+        q.send(pixels(5, 2));
+        old.construct<Shared>(typeid(DArray<DPixel>).name())(pixels(5, 666),
+                                                               image::ShmAllocator(old.get_segment_manager()));
+        self.notify();
+        return 0;
+    });
+    DArray<DPixel> array;
+    q.receive(array);
+    EXPECT_EQ(array.vector(), pixels(5, 1).vector());
+    const long long firstSize = objectSize(3);
+    q.send("taken");
+    ASSERT_TRUE(sub.notified(kSeconds * 1000));
+    q.receive(array);
+    EXPECT_EQ(array.vector(), pixels(5, 2).vector());
+    EXPECT_EQ(objectSize(3), firstSize) << "the new segment has the old one's size";
+    EXPECT_EQ(sub.join(), 0);
+}
+
+TEST_F(MessageQueue, AFrameOfTheSameShapeIsCopiedIntoTheCallersBuffer)
+{
+    // Same shape, with and without a mask and a node of its own, then another shape:
+    // each arrives whole, with its own metadata and nothing of the one before.
+    const std::pair<int, unsigned> frames[] = {{800, 1}, {800, 2}, {800, 3}, {500, 4}};
+    DMessageQueue q(queue);
+    Peer sender([&](Peer&) {
+        DMessageQueue q(queue);
+        for (const auto& [width, seed] : frames)
+            q.send(frame(width, seed));
+        return 0;
+    });
+    DImage received;
+    const char* buffer = nullptr;
+    for (const auto& [width, seed] : frames) {
+        SCOPED_TRACE(seed);
+        q.receive(received);
+        EXPECT_EQ(digest(received), digest(frame(width, seed)));
+        if (buffer && width == 800) {
+            EXPECT_EQ(received.cdata(), buffer) << "the same pixel buffer";
+        }
+        buffer = received.cdata();
+    }
+    EXPECT_EQ(sender.join(), 0);
 }
