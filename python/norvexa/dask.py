@@ -54,14 +54,16 @@ def _hdf5_layout(path):
 
 def _header(path):
     """(first image number, frame count, frame shape, dtype, images per data file)."""
+    # h5py reads the layout before the library opens the file, so that the two never hold
+    # it open at once.
+    layout = _hdf5_layout(path) if _is_hdf5(path) else None
     with norvexa.open(path) as series:
         first, count = series.first, len(series)
-        layout = _hdf5_layout(path) if _is_hdf5(path) else None
         if layout is None:
-            # A file series has no header apart from its files; the first one tells the
-            # shape. For an HDF5 series of another layout this reads one stored chunk.
+            # A file series has no header apart from its files: the first one tells the
+            # shape. An HDF5 series of another layout gives one stored chunk, not decoded.
             chunk = series.stored(first)
-            layout = (chunk.height, chunk.width), chunk.dtype, 1 if not _is_hdf5(path) else None
+            layout = (chunk.height, chunk.width), chunk.dtype, None if _is_hdf5(path) else 1
     shape, dtype, per_file = layout
     return first, count, tuple(int(s) for s in shape), np.dtype(dtype), per_file
 
