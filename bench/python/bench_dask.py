@@ -8,12 +8,13 @@ without the library.
 
 The series (2463x2527 uint32, 100 images per data file) is generated once into a
 temporary directory: ten distinct frames compressed once, then stored again as they
-stand. Each figure is the best of --repeat runs after one warm-up run (the workers' first
-touch of fresh memory is slow on a virtual machine). Aims: 2 workers >= 1.7x 1 worker;
+stand. Each figure is the best of --repeat runs, each computed afresh (the scheduler has
+forgotten the previous one). Aims: 2 workers >= 1.7x 1 worker;
 from_series >= 5x from_array over h5py.
 """
 
 import argparse
+import gc
 import os
 import subprocess
 import tempfile
@@ -59,10 +60,18 @@ def h5py_array(master):
     return da.concatenate([da.from_array(f["/entry/data/" + name]) for f, name in zip(files, names)])
 
 
+def settle(client):
+    """Waits until the scheduler has forgotten the last run: a result still held (a future
+    not yet collected) would be handed back again instead of being computed."""
+    gc.collect()
+    while client.run_on_scheduler(lambda dask_scheduler: len(dask_scheduler.tasks)):
+        time.sleep(0.05)
+
+
 def best_of(client, array, repeat):
-    array.max(axis=0).compute()  # warm-up
     times = []
     for _ in range(repeat):
+        settle(client)
         start = time.perf_counter()
         result = array.max(axis=0).compute()
         times.append(time.perf_counter() - start)

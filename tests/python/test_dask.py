@@ -15,6 +15,7 @@ import h5py  # noqa: E402
 import numpy as np  # noqa: E402
 import pytest  # noqa: E402
 from distributed import Client, LocalCluster, wait  # noqa: E402
+from PIL import Image as PngImage  # noqa: E402
 
 import norvexa  # noqa: E402
 import norvexa.dask  # noqa: E402
@@ -94,7 +95,7 @@ def sequential(path):
     ("cbf", False, None, (12, 8)),
     ("cbf", True, 1, (1,) * 20),
 ])
-def test_reductions_match_a_sequential_loop(client, master, cbf_series, which, stored,
+def test_reductions_match_a_sequential_loop(client, tmp_path, master, cbf_series, which, stored,
                                             frames_per_chunk, chunks):
     path = master if which == "master" else cbf_series
     frame_bytes = HEIGHT * WIDTH * 4
@@ -112,6 +113,11 @@ def test_reductions_match_a_sequential_loop(client, master, cbf_series, which, s
     np.testing.assert_array_equal(got[1], maximum)
     np.testing.assert_array_equal(got[2], mean)
     assert got[1].dtype == maximum.dtype
+    # The example's picture: the library's colours, as PIL reads them back.
+    example.write_png(got[1], mask, tmp_path / "maximum.png", "heat")
+    low, high = norvexa.contrast(norvexa.Image(maximum), 4, 10000, mask=mask)
+    want = norvexa.color_map(norvexa.Image(maximum), low, high, table="heat", mask=mask)
+    np.testing.assert_array_equal(np.asarray(PngImage.open(tmp_path / "maximum.png")), want)
 
 
 @pytest.mark.parametrize("frames, frame_bytes, per_file, chunks", [
