@@ -10,11 +10,14 @@
 2. A 2463x2527 int32 CBF (counts of a diffraction-like frame, written here):
    norvexa.read(path).data against fabio.open(path).data. Aim: >= 2x.
 3. The 100 frames of that series read and decoded by a ThreadPoolExecutor of 2 threads
-   against 1 thread. Aim: >= 1.7x on 2 cores (the GIL is released while decoding).
+   against 1 thread. Aim: >= 1.7x on 2 cores (the GIL is released while decoding). As
+   the wall-time figure needs two idle cores, two more: the cores in use, and how fast
+   the main thread's Python loop runs beside a decoding thread, against a call that keeps
+   the GIL.
 
 Run from the clone after building the targets _norvexa and bench_hdf5 in build/
 (-DNORVEXA_BUILD_BENCHMARKS=ON):
-    /usr/bin/python3 bench/python/bench_python.py [--build build] [--repeat 15]
+    /usr/bin/python3 bench/python/bench_python.py [--build build] [--repeat 15] [--part threads]
 """
 
 import argparse
@@ -25,6 +28,7 @@ import pathlib
 import statistics
 import subprocess
 import sys
+import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -57,6 +61,26 @@ def h5py_frame_ms(master, repeat):
     return float(out.strip())
 
 
+def progress_during(call, repeat):
+    """Loop iterations per second of the calling thread while another thread makes `call`
+    `repeat` times."""
+    done = threading.Event()
+
+    def worker():
+        for _ in range(repeat):
+            call()
+        done.set()
+
+    thread = threading.Thread(target=worker)
+    count, start = 0, time.perf_counter()
+    thread.start()
+    while not done.is_set():
+        count += 1
+    elapsed = time.perf_counter() - start
+    thread.join()
+    return count / elapsed
+
+
 def cbf_frame(path):
     import numpy as np
     import norvexa
@@ -73,19 +97,12 @@ def cbf_frame(path):
     norvexa.write(image, path)
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build")
-    parser.add_argument("--repeat", type=int, default=15)
-    args = parser.parse_args()
-    sys.path.insert(0, str(args.build / "python"))
-    import fabio
-    import norvexa
+MASTER = pathlib.Path("/tmp/norvexa_bench_hdf5/read/series_master.h5")
 
-    print("uptime:", subprocess.run(["uptime"], capture_output=True, text=True).stdout.strip())
-    master = pathlib.Path("/tmp/norvexa_bench_hdf5/read/series_master.h5")
-    # C++ and Python in turns, so that both see the same load.
-    # Wall times and, steadier on a loaded machine, CPU times.
+
+def bench_frame(norvexa, args):
+    # C++ and Python in turns, so that both see the same load; wall times and, steadier
+    # on a loaded machine, CPU times.
     cpp, cpp_cpu, python, python_cpu = [], [], [], []
     numbers = iter(range(10**9))
     for _ in range(3):
@@ -93,61 +110,102 @@ def main():
         wall, cpu = cpp_frame_ms(args.build, 3)
         cpp.append(wall)
         cpp_cpu.append(cpu)
-        with norvexa.open(master) as series:
+        with norvexa.open(MASTER) as series:
             frame = lambda: series[next(numbers) % 100 + 1].data  # noqa: E731
             python.append(median_ms(frame, args.repeat * 2))
             python_cpu.append(median_ms(frame, args.repeat * 2, time.process_time))
     cpp, cpp_cpu = statistics.median(cpp), statistics.median(cpp_cpu)
     python, python_cpu = statistics.median(python), statistics.median(python_cpu)
-    peer = h5py_frame_ms(master, args.repeat)
+    peer = h5py_frame_ms(MASTER, args.repeat)
+    # An upper bound of the binding's own cost, steady under load: a whole call on a
+    # 19x13 frame (binding, lock, HDF5 look-up and chunk read, a decode of 1 KB).
+    with norvexa.open(ROOT / "data" / "hdf5" / "uint32_bslz4_master.h5") as small:
+        tiny = median_ms(lambda: [small[n % 5 + 1].data for n in range(100)], args.repeat) / 100
+    return [f"4148x4362 bslz4 frame: norvexa {python:.1f} ms, h5py {peer:.1f} ms, C++ {cpp:.1f} ms",
+            f"  speed-up over h5py {peer / python:.1f}x (aim >= 20x); "
+            f"binding overhead {100 * (python - cpp) / cpp:+.1f}% of C++ (aim <= 5%)",
+            f"  CPU time: norvexa {python_cpu:.1f} ms, C++ {cpp_cpu:.1f} ms: "
+            f"binding overhead {100 * (python_cpu - cpp_cpu) / cpp_cpu:+.1f}%",
+            f"  a whole call on a 19x13 frame: {1000 * tiny:.0f} us = {100 * tiny / cpp:.2f}% of the C++ "
+            f"frame time (a bound of the binding's cost)"]
 
+
+def bench_cbf(norvexa, args):
+    import fabio
     work = pathlib.Path("/tmp/norvexa_bench_python")
     work.mkdir(exist_ok=True)
     cbf = work / "frame_2463x2527.cbf"
     if not cbf.exists():
         cbf_frame(cbf)
-    ours_cbf, fabio_cbf = [], []
+    ours, peer = [], []
     for _ in range(args.repeat):  # interleaved, so that both see the same load
-        ours_cbf.append(median_ms(lambda: norvexa.read(cbf).data, 1))
-        fabio_cbf.append(median_ms(lambda: fabio.open(str(cbf)).data, 1))
-    ours_cbf, fabio_cbf = statistics.median(ours_cbf), statistics.median(fabio_cbf)
+        ours.append(median_ms(lambda: norvexa.read(cbf).data, 1))
+        peer.append(median_ms(lambda: fabio.open(str(cbf)).data, 1))
+    ours, peer = statistics.median(ours), statistics.median(peer)
+    return [f"2463x2527 CBF: norvexa {ours:.1f} ms, fabio {peer:.1f} ms: {peer / ours:.1f}x (aim >= 2x)"]
 
-    with norvexa.open(master) as series:
+
+def bench_threads(norvexa, args):
+    if not MASTER.exists():
+        cpp_frame_ms(args.build, 1)
+    with norvexa.open(MASTER) as series:
         def load(number):
             return series[number].data.shape
-
-        def run(threads):
-            with concurrent.futures.ThreadPoolExecutor(threads) as pool:
-                list(pool.map(load, range(series.first, series.last + 1)))
 
         def timed(threads):
             # Wall time, and the process's CPU time over it: above 1 only when threads
             # decode at the same time.
             wall, cpu = time.perf_counter(), time.process_time()
-            run(threads)
+            with concurrent.futures.ThreadPoolExecutor(threads) as pool:
+                list(pool.map(load, range(series.first, series.last + 1)))
             wall, cpu = time.perf_counter() - wall, time.process_time() - cpu
             return wall * 1000, cpu / wall
 
-        one, two, busy = [], [], []
+        one, two, busy_one, busy_two = [], [], [], []
         for _ in range(3):
-            one.append(timed(1)[0])
+            ms, cores = timed(1)
+            one.append(ms)
+            busy_one.append(cores)
             ms, cores = timed(2)
             two.append(ms)
-            busy.append(cores)
-        one, two, busy = statistics.median(one), statistics.median(two), statistics.median(busy)
+            busy_two.append(cores)
+        # Whether Python runs beside a decode: the main thread counts while a second thread
+        # decodes frames, against a call of like length that keeps the GIL (bytes.count).
+        # Independent of how much CPU the machine grants the process.
+        numbers = iter(range(10**9))
+        decode = lambda: series[next(numbers) % 100 + 1].data  # noqa: E731
+        blob = bytes(400_000_000)
+        holder = lambda: blob.count(b"\x01")  # noqa: E731
+        alone = progress_during(lambda: time.sleep(0.5), 1)
+        beside_decode = progress_during(decode, 20)
+        beside_holder = progress_during(holder, 20)
+    one, two = statistics.median(one), statistics.median(two)
+    busy_one, busy_two = statistics.median(busy_one), statistics.median(busy_two)
+    return [f"100 frames, ThreadPoolExecutor: 1 thread {one:.0f} ms, 2 threads {two:.0f} ms: "
+            f"{one / two:.2f}x (aim >= 1.7x on {os.cpu_count()} cores)",
+            f"  cores in use (CPU time / wall time): 1 thread {busy_one:.2f}, 2 threads {busy_two:.2f}",
+            f"  the main thread's Python loop beside a decoding thread: {beside_decode / alone:.2f} of its "
+            f"speed alone; beside a GIL-holding call: {beside_holder / alone:.2f}"]
 
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build")
+    parser.add_argument("--repeat", type=int, default=15)
+    parser.add_argument("--part", choices=["all", "frame", "cbf", "threads"], default="all")
+    args = parser.parse_args()
+    sys.path.insert(0, str(args.build / "python"))
+    import norvexa
+
+    uptime = lambda: subprocess.run(["uptime"], capture_output=True, text=True).stdout.strip()  # noqa: E731
+    print("uptime:", uptime())
+    lines = []
+    for part, bench in (("frame", bench_frame), ("cbf", bench_cbf), ("threads", bench_threads)):
+        if args.part in ("all", part):
+            lines += bench(norvexa, args)
     print()
-    print(f"4148x4362 bslz4 frame: norvexa {python:.1f} ms, h5py {peer:.1f} ms, C++ {cpp:.1f} ms")
-    print(f"  speed-up over h5py {peer / python:.1f}x (aim >= 20x); "
-          f"binding overhead {100 * (python - cpp) / cpp:+.1f}% of C++ (aim <= 5%)")
-    print(f"  CPU time: norvexa {python_cpu:.1f} ms, C++ {cpp_cpu:.1f} ms: "
-          f"binding overhead {100 * (python_cpu - cpp_cpu) / cpp_cpu:+.1f}%")
-    print(f"2463x2527 CBF: norvexa {ours_cbf:.1f} ms, fabio {fabio_cbf:.1f} ms: "
-          f"{fabio_cbf / ours_cbf:.1f}x (aim >= 2x)")
-    print(f"100 frames, ThreadPoolExecutor: 1 thread {one:.0f} ms, 2 threads {two:.0f} ms: "
-          f"{one / two:.2f}x (aim >= 1.7x on {os.cpu_count()} cores); "
-          f"CPU time / wall time with 2 threads: {busy:.2f}")
-    print("uptime:", subprocess.run(["uptime"], capture_output=True, text=True).stdout.strip())
+    print("\n".join(lines))
+    print("uptime:", uptime())
 
 
 if __name__ == "__main__":
