@@ -354,7 +354,7 @@ void initImg(const Message& part, ImageSlot& slot, Json::Value& header)
     slot.offset = 0;
 }
 
-/// Receives a data part and moves it into the slot's buffer behind the offset, truncated
+/// Receives a data part and copies it into the slot's buffer behind the offset, truncated
 /// to the buffer; the rest of a shorter part's buffer is zero. Returns the part's "more"
 /// flag. Memory follows what came, not what the header claims: a buffer of more than
 /// twice the part plus a page is a malformed message (line 531), as is a compressed

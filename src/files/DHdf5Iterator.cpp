@@ -497,16 +497,6 @@ DHdf5Iterator::StoredImage DHdf5Iterator::storedImage(int imgNr) const
     const unsigned long size = oneFrameAChunk && filter != image::DCompression::FILTER_NONE
                                    ? at.data.rawChunkSize({at.frame, 0, 0})
                                    : 0;
-    if (oneFrameAChunk && filter == image::DCompression::FILTER_NONE) {
-        // A stored plain chunk holds exactly the frame's bytes; one that is missing reads
-        // as the fill value, which is no damage.
-        const unsigned long stored = at.data.rawChunkSize({at.frame, 0, 0});
-        if (stored != 0 && stored != at.width * at.height * at.data.dataSize())
-            throw DImageCorruptedException("The stored chunk of image " + std::to_string(imgNr) +
-                                           " holds " + std::to_string(stored) + " bytes, not the " +
-                                           std::to_string(at.width * at.height * at.data.dataSize()) +
-                                           " of its pixels");
-    }
     if (size > 0) {
         image::DBasicImageData<StdAllocator> bytes;
         bytes.resize(size);
