@@ -10,7 +10,9 @@
 #include <json/json.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 #include <new>
@@ -55,24 +57,19 @@ namespace {
     throw DRuntimeException("Error parsing ORVIK stream: \"DZmqSocket\":" + std::to_string(line));
 }
 
-/// One part of a multi-part message: received into an owned zmq_msg_t, or straight into a
-/// caller's buffer. The owned message is released on every way out.
+/// One part of a multi-part message, received into an owned zmq_msg_t that is released on
+/// every way out.
 class Message {
 public:
     Message() : _message(new zmq_msg_t) { zmq_msg_init(_message.get()); }
-    Message(char* buffer, std::size_t size) : _buffer(buffer), _size(size) {}
-    ~Message()
-    {
-        if (_message)
-            zmq_msg_close(_message.get());
-    }
+    ~Message() { zmq_msg_close(_message.get()); }
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
 
     void recv(DZmqPartSource& source)
     {
         _more = 0;
-        const int result = _message ? source.receive(_message.get()) : source.receive(_buffer, _size);
+        const int result = source.receive(_message.get());
         if (result < 0) {
             const int error = errno;
             if (error == EAGAIN || error == ETIMEDOUT)
@@ -86,15 +83,12 @@ public:
         _more = source.more();
     }
 
-    /// The bytes of a part received into an owned message.
     const char* bytes() const { return static_cast<const char*>(zmq_msg_data(_message.get())); }
     std::size_t size() const { return zmq_msg_size(_message.get()); }
     int more() const { return _more; }
 
 private:
     std::unique_ptr<zmq_msg_t> _message;
-    char* _buffer = nullptr;
-    std::size_t _size = 0;
     int _more = 0;
 };
 
@@ -277,6 +271,11 @@ struct ImageSlot {
     Image::Data buffer;
     // Starts at -1 for an image: the bitshuffle path sizes the buffer by it.
     std::size_t offset = 0;
+    // What the header announces: the buffer's length, the plain pixels' length and, for
+    // "lz4<", the chunk's length ("size"). SIZE_MAX stands for more than memory holds.
+    std::size_t bufferBytes = 0;
+    std::size_t plainBytes = 0;
+    std::uint32_t chunkBytes = 0;
 };
 
 void putBigEndian(char* out, std::uint64_t value, int bytes)
@@ -285,14 +284,15 @@ void putBigEndian(char* out, std::uint64_t value, int bytes)
         out[i] = static_cast<char>(value & 0xff);
 }
 
+/// The product, or SIZE_MAX when it overflows.
 std::size_t multiply(std::size_t a, std::size_t b)
 {
     std::size_t product;
-    if (__builtin_mul_overflow(a, b, &product))
-        throw std::bad_alloc();
-    return product;
+    return __builtin_mul_overflow(a, b, &product) ? SIZE_MAX : product;
 }
 
+/// Reads an image header into the slot. Nothing is allocated here: the buffer is sized by
+/// receiveData, once the data part tells how many bytes actually came.
 void initImg(const Message& part, ImageSlot& slot, Json::Value& header)
 {
     if (!parseJson(part, header))
@@ -333,41 +333,56 @@ void initImg(const Message& part, ImageSlot& slot, Json::Value& header)
         slot.filter = image::DCompression::FILTER_BS32_LZ4;
 
     slot.buffer.clear();
-    const std::size_t plainBytes =
-        multiply(multiply(slot.shape[0], slot.shape[1]), slot.bits) / 8;
+    slot.plainBytes = multiply(multiply(slot.shape[0], slot.shape[1]), slot.bits / 8);
     if (slot.filter == image::DCompression::FILTER_NONE) {
-        slot.buffer.resize(plainBytes);
+        slot.bufferBytes = slot.plainBytes;
         slot.offset = 0;
         return;
     }
     const Json::Value& size = member(header, "size");
     if (size.isNull())
         parseError(217);
-    const std::uint32_t chunkBytes = low32(size);
+    slot.chunkBytes = low32(size);
     if (slot.filter == image::DCompression::FILTER_LZ4) {
         slot.offset = 16;
-        slot.buffer.resize(std::size_t(chunkBytes) + 16);
-        char* frame = slot.buffer.data();
-        putBigEndian(frame, plainBytes, 8);
-        putBigEndian(frame + 8, static_cast<std::uint32_t>(plainBytes), 4);
-        putBigEndian(frame + 12, chunkBytes, 4);
+        slot.bufferBytes = std::size_t(slot.chunkBytes) + 16;
         return;
     }
     // The offset as it stands on entry: -1 for an image, so the chunk arrives a byte short.
-    const std::size_t length = chunkBytes + slot.offset;
-    slot.buffer.resize(slot.offset == static_cast<std::size_t>(-1) && chunkBytes == 0 ? 0 : length);
+    const std::size_t length = slot.chunkBytes + slot.offset;
+    slot.bufferBytes = slot.offset == static_cast<std::size_t>(-1) && slot.chunkBytes == 0 ? 0 : length;
     slot.offset = 0;
 }
 
-/// Receives a data part straight into the slot's buffer behind the offset, truncated to it.
-/// Returns the part's "more" flag. The bytes of a shorter part are not counted: the rest of
-/// the buffer is left untouched, so that a header that announces a huge image costs
-/// address space, not memory.
+/// Receives a data part and copies it into the slot's buffer behind the offset, truncated
+/// to the buffer; the rest of a shorter part's buffer is zero. Returns the part's "more"
+/// flag. Memory follows what came, not what the header claims: a buffer of more than
+/// twice the part plus a page is a malformed message (line 531), as is a compressed
+/// chunk whose own header disagrees with the shape, or that cannot hold it (line 532).
+/// zmq_recv would copy from a message just the same, so this costs no extra copy.
 int receiveData(DZmqPartSource& source, ImageSlot& slot)
 {
-    const std::size_t room = slot.buffer.size() - slot.offset;
-    Message data(room ? slot.buffer.data() + slot.offset : nullptr, room);
+    Message data;
     data.recv(source);
+    const std::size_t carried = data.size();
+    if (slot.bufferBytes > 2 * carried + 4096)
+        parseError(531);
+    slot.buffer.resize(slot.bufferBytes);
+    char* buffer = slot.buffer.data();
+    if (slot.filter == image::DCompression::FILTER_LZ4) {
+        putBigEndian(buffer, slot.plainBytes, 8);
+        putBigEndian(buffer + 8, static_cast<std::uint32_t>(slot.plainBytes), 4);
+        putBigEndian(buffer + 12, slot.chunkBytes, 4);
+    }
+    const std::size_t room = slot.bufferBytes - slot.offset;
+    const std::size_t taken = std::min(room, carried);
+    if (taken)
+        std::memcpy(buffer + slot.offset, data.bytes(), taken);
+    if (room > taken)
+        std::memset(buffer + slot.offset + taken, 0, room - taken);
+    if (slot.filter != image::DCompression::FILTER_NONE &&
+        image::codec::headerProblem(slot.filter, buffer, slot.bufferBytes, slot.plainBytes))
+        parseError(532);
     return data.more();
 }
 
@@ -496,8 +511,7 @@ DStreamObject recvImage(DZmqPartSource& source, const Message& first, const Json
         parseError(529);
 
     const std::size_t imgOffset = slot.offset;
-    const Image::Data& imgData = slot.buffer;
-    NORVEXA_ASSERT(imgOffset <= imgData.size(), "recvImage");
+    NORVEXA_ASSERT(imgOffset <= slot.bufferBytes, "recvImage");
     dropRest(source, receiveData(source, slot));
 
     Image image;

@@ -15,12 +15,13 @@ class DZmqPartSource;
 /// "tcp://<host>:<port>" with a receive time-out of 100 ms. Not copyable.
 ///
 /// recv() reads one logical message (a header, an image or a series end, each a ZeroMQ
-/// multi-part message) and gives a DStreamObject. An image's data part goes straight into
-/// the buffer that becomes the image, in the form in which it came: plain, an LZ4 chunk
-/// (the 16-byte framing is written in front before the data arrives) or a bitshuffle chunk
-/// (received one byte short, as the detector's protocol has it; the container's decoder
-/// takes that length). A data part shorter than its buffer leaves the rest as it was
-/// allocated (unspecified values): the received length is not compared.
+/// multi-part message) and gives a DStreamObject. An image's data part is copied once, from
+/// ZeroMQ's message into the buffer that becomes the image, in the form in which it came:
+/// plain, an LZ4 chunk (behind the 16-byte framing) or a bitshuffle chunk (one byte short,
+/// as the detector's protocol has it; the container's decoder takes that length). A data
+/// part shorter than its buffer leaves the rest zero. Memory follows what a message
+/// carries: the buffer that a header asks for may be at most twice the data part plus
+/// 4096 bytes.
 ///
 /// Failures:
 /// - DTimeoutException(0.1) when a part does not come within the time-out;
@@ -36,8 +37,11 @@ class DZmqPartSource;
 ///   number are 0 (of a real, its integer part's). "series" and "frame" are numbers when JSON can
 ///   convert them to an unsigned 32-bit value or they are unsigned 64-bit integers.
 ///   Elements of an integer array of a configuration outside 32 bits keep their low 32
-///   bits;
-/// - std::bad_alloc for an image header whose byte count does not fit in memory;
+///   bits. Two tests of the data part have lines of their own: 531, a header that asks
+///   for a buffer of more than twice the data part plus 4096 bytes (a negative "size", a
+///   shape far beyond the pixels that came); 532, a compressed chunk whose own header
+///   announces another plain size than the shape needs, or more than LZ4 can expand its
+///   bytes to (255-fold);
 /// - DImageCorruptedException (see DCompression.h) for a flatfield, pixel mask or
 ///   count-rate table of a header that does not decode.
 /// Every received part is released on every way out. After a malformed message the next

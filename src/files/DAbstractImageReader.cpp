@@ -183,6 +183,7 @@ void DAbstractImageReader::readData(DImage& image, const DImageOptionalData* opt
     if (w < 0 || h < 0 || static_cast<long long>(w) * h > 0x7fffffffLL)
         throw DImageCorruptedException("Image " + _fileName + " has an invalid size of " +
                                        std::to_string(w) + " x " + std::to_string(h) + " pixels");
+    checkBackedByFile(static_cast<std::uint64_t>(w) * static_cast<std::uint64_t>(h) * (bits >> 3));
     image = DImage(w, h, type, bits >> 3);
     readPixelData(image);
 

@@ -6,6 +6,7 @@
 
 #include <boost/optional.hpp>
 
+#include <cstdint>
 #include <string>
 
 namespace norvexa {
@@ -67,6 +68,10 @@ public:
     void readDetectorNumber(DImageOptionalData& optionalData) const;
 
 protected:
+    /// Called by readData before the pixels are allocated, with their byte count: a reader
+    /// of uncompressed pixels raises its failure when the file can't hold that many bytes,
+    /// so that a header which claims a huge image costs no memory. The default takes any.
+    virtual void checkBackedByFile(std::uint64_t /*imageBytes*/) const {}
     /// The file's bytes; kPadding zero bytes follow them in memory.
     const Data& fileData() const noexcept { return _data; }
     const std::string& fileName() const noexcept { return _fileName; }

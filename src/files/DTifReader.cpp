@@ -198,6 +198,12 @@ void DTifReader::_initialize(const std::string& fileName)
     _typeBits = static_cast<unsigned long>(bitsPerSample);
 }
 
+void DTifReader::checkBackedByFile(std::uint64_t imageBytes) const
+{
+    if (imageBytes > fileData().size())
+        corrupted(fileName(), INVALID_BINARY);
+}
+
 void DTifReader::readPixelData(DImage& image) const
 {
     if (_width == 0 || _height == 0)

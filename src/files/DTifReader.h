@@ -44,6 +44,10 @@ public:
     /// The first 4096 bytes of the file (fewer when the file is shorter).
     void readRawHeader(DImageOptionalData& optionalData) const override;
 
+protected:
+    /// The pixels are uncompressed: a file shorter than them is "Invalid binary data.".
+    void checkBackedByFile(std::uint64_t imageBytes) const override;
+
 private:
     void _initialize(const std::string& fileName);
 

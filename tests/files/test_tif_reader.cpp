@@ -353,6 +353,17 @@ TEST(TifReader, PixelDataFailures)
     }
 }
 
+TEST(TifReader, AFrameTheFileCannotHoldIsRefusedBeforeItIsAllocated)
+{
+    // One strip of one row, 64 bytes present, for a frame of 16 x 2^22 pixels (256 MiB):
+    // the strip alone would pass, but the pixels are uncompressed and the file is 200 bytes.
+    const Bytes file = tiff(pattern(64), {imageFields(16, 1u << 22, 32, 1, 1)});
+    const DTifReader reader(readerData(file), "mem.tif");
+    DImage image;
+    EXPECT_THROW_MSG(reader.readData(image, nullptr), DImageCorruptedException, corrupted("Invalid binary data."));
+    EXPECT_TRUE(image.empty());
+}
+
 TEST(TifReader, DamagedFilesFailCleanly)
 {
     const Bytes file = fixture("u16_13x11.tif");

@@ -7,6 +7,7 @@
 #include "foundation/image/DLargeBlocks.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 using namespace norvexa;
@@ -166,6 +167,51 @@ TEST(Container, CorruptChunkFailsAndLeavesTheContainerAsItWas)
     const Image before = compressed;
     EXPECT_THROW(compressed.setFilter(DCompression::FILTER_NONE, 0), DImageCorruptedException);
     expectSameContainer(compressed, before);
+}
+
+TEST(Container, ChunkOfAnotherSizeIsRefusedBeforeAnythingIsAllocated)
+{
+    Image compressed = ramp(37, 11);
+    compressed.setFilter(DCompression::FILTER_BS32_LZ4, 0);
+    const auto chunkOf = [&](std::size_t bytes) {
+        DBasicImageData<StdAllocator> chunk;
+        chunk.resize(bytes);
+        std::memcpy(chunk.data(), compressed.cdata(), std::min(bytes, compressed.usedBytes()));
+        return chunk;
+    };
+    const struct {
+        const char* label;
+        Image::Shape shape;
+        std::size_t bytes;
+        const char* text;
+    } cases[] = {
+        {"another shape", Image::Shape{11, 37 * 2}, compressed.usedBytes(), codec::text::SIZE_MISMATCH},
+        {"a shape whose bytes overflow", Image::Shape{1UL << 40, 1UL << 40}, compressed.usedBytes(),
+         codec::text::SIZE_MISMATCH},
+        {"shorter than its header", Image::Shape{37, 11}, 11, codec::text::TRUNCATED},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        Image received(ramp(2, 2));
+        const Image before = received;
+        EXPECT_THROW_MSG(received.setRawData(chunkOf(c.bytes), c.shape, UINT, 32, DCompression::FILTER_BS32_LZ4),
+                         DImageCorruptedException, c.text);
+        expectSameContainer(received, before);
+    }
+
+    // A header that agrees with a huge shape, on a chunk of 100 bytes: LZ4 cannot expand
+    // 100 bytes to 16 GiB, so neither the container nor the decoder takes it.
+    DBasicImageData<StdAllocator> huge = chunkOf(100);
+    const std::uint64_t claimed = std::uint64_t(65536) * 65536 * 4;
+    for (int i = 0; i < 8; ++i)
+        huge.data()[i] = static_cast<char>(claimed >> (56 - 8 * i));
+    EXPECT_STREQ(codec::headerProblem(DCompression::FILTER_BS32_LZ4, huge.cdata(), huge.size(), claimed),
+                 codec::text::TRUNCATED);
+    Image received;
+    EXPECT_THROW_MSG(received.setRawData(std::move(huge), Image::Shape{65536, 65536}, UINT, 32,
+                                         DCompression::FILTER_BS32_LZ4),
+                     DImageCorruptedException, codec::text::TRUNCATED);
+    EXPECT_TRUE(received.empty());
 }
 
 TEST(SharedContainer, CopiesIntoASegmentAndBackIncludingCompressedState)

@@ -231,9 +231,15 @@ TEST(Compression, EachFailureHasItsText)
         }
         // A block larger than LZ4 can hold; raised from the header, before `out` is touched.
         char out[1];
-        const Bytes huge = header(0x80000000u, 0x80000000u);
+        Bytes huge = header(0x80000000u, 0x80000000u);
+        huge.resize(0x80000000u / 256 + 16); // enough bytes for LZ4 to expand to 2 GiB
         EXPECT_THROW_MSG(codec::decode(BS32, huge.data(), huge.size(), out, 0x80000000u), DImageCorruptedException,
                          "Bitshuffle block size is invalid");
+        // Fewer bytes than LZ4 can expand to the announced size: truncated, from the header.
+        huge.resize(0x80000000u / 256 - 1);
+        EXPECT_THROW_MSG(codec::decode(BS32, huge.data(), huge.size(), out, 0x80000000u), DImageCorruptedException,
+                         "Compressed chunk is truncated");
+        EXPECT_STREQ(codec::headerProblem(LZ4, huge.data(), huge.size(), 0x80000000u), "Compressed chunk is truncated");
     }
     {
         SCOPED_TRACE("LZ4 blocks");

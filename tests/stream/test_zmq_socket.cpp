@@ -8,8 +8,11 @@
 #include "DZmqSocket.h"
 #include "foundation/DException.h"
 
+#include <sys/resource.h>
+
 #include <cstdint>
 #include <cstring>
+#include <iostream>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -93,6 +96,12 @@ TEST(ZmqSocket, EveryMalformedMessageHasItsLineAndTheStreamGoesOn)
                stream_test::imageHeader(2, 2, "uint32", "<", 16, "dimage-1.0")}},
         {518, {R"({"htype":"dimage-1.0","frame":1})"}},
         {529, {R"({"htype":"dimage-1.0","frame":1})", GOOD_IMAGE_HEADER}},
+        {531, {R"({"htype":"dimage-1.0","frame":1})", stream_test::imageHeader(4096, 4096, "uint32", "<", 64),
+               std::string(20, '\0')}},
+        {531, {all, "{}", stream_test::imageHeader(65536, 65536, "float32", "<", 100, "dflatfield-1.0"),
+               std::string(100, '\0')}},
+        {532, {R"({"htype":"dimage-1.0","frame":1})", stream_test::imageHeader(2, 2, "uint32", "bs32-lz4<", 40),
+               stream_test::encodeAs("bs32-lz4<", std::string(32, '\1'))}},
         {574, {"]"}},
         {578, {R"({"series":1})"}},
         {578, {"[1,2]"}},
@@ -306,6 +315,54 @@ TEST(ZmqSocket, PlainPixelsIgnoreSizeAndTakeAShortPartAsItCame)
     const auto image = object.data().data();
     ASSERT_EQ(image.usedBytes(), 8u);
     EXPECT_EQ(std::string(image.cdata(), 3), "\x01\x02\x03");
+}
+
+long peakKilobytes()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+TEST(ZmqSocket, MemoryFollowsWhatAMessageCarries)
+{
+    const std::string first = R"({"htype":"dimage-1.0","frame":1})";
+    const std::string tiny(100, '\0');
+    // A 16-element frame whose chunk announces 8 elements more than the shape holds.
+    const std::string otherSize = stream_test::encodeAs("bs32-lz4<", std::string(96, '\2'));
+    const struct {
+        const char* label;
+        int line;
+        DZmqMemorySource::Message message;
+    } cases[] = {
+        {"negative size, bitshuffle", 531,
+         {first, R"({"htype":"dimage_d-1.0","shape":[4,4],"type":"uint32","encoding":"bs32-lz4<","size":-138})", tiny}},
+        {"negative size, lz4", 531,
+         {first, R"({"htype":"dimage_d-1.0","shape":[4,4],"type":"uint32","encoding":"lz4<","size":-138})", tiny}},
+        {"65536 x 65536 with 100 bytes, plain", 531,
+         {first, stream_test::imageHeader(65536, 65536, "uint32", "<", 100), tiny}},
+        {"65536 x 65536 with 100 bytes, lz4", 532,
+         {first, stream_test::imageHeader(65536, 65536, "uint32", "lz4<", 100), tiny}},
+        {"shape overflowing 64 bits", 531,
+         {first, stream_test::imageHeader(4294967295u, 4294967295u, "uint32", "<", 100), tiny}},
+        {"chunk header of another size", 532,
+         {first, stream_test::imageHeader(4, 4, "uint32", "bs32-lz4<", otherSize.size()), otherSize}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        const long before = peakKilobytes();
+        DZmqMemorySource source({c.message});
+        EXPECT_THROW_MSG(DZmqSocket::recv(source), DRuntimeException, parseErrorText(c.line));
+        const long growth = peakKilobytes() - before;
+        std::cout << c.label << ": peak resident memory grew by " << growth << " KiB\n";
+        EXPECT_LT(growth, 16 * 1024);
+    }
+
+    // Just within the allowance: a plain part of half its shape arrives, its rest zero.
+    DZmqMemorySource half({{first, stream_test::imageHeader(2048, 1, "uint32", "<", 4096), std::string(4096, '\3')}});
+    const auto image = DZmqSocket::recv(half).data().data();
+    ASSERT_EQ(image.usedBytes(), 8192u);
+    EXPECT_EQ(std::string(image.cdata(), 8192), std::string(4096, '\3') + std::string(4096, '\0'));
 }
 
 TEST(ZmqSocket, MemorySourceParsesAsTheSocketDoes)

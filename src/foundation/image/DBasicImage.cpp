@@ -175,10 +175,30 @@ void DBasicImage<Allocator>::swap(DBasicImage& other) noexcept
     _data.swap(other._data);
 }
 
+namespace {
+/// A compressed chunk whose header announces another plain size than the shape needs (or
+/// one that it cannot hold) is refused before anything is allocated for it.
+template <class Data, class Shape>
+void refuseChunkOfAnotherSize(DCompression::FILTER filter, const Data& data, const Shape& shape,
+                              unsigned long typeBits)
+{
+    std::size_t bits = typeBits;
+    for (unsigned long extent : shape)
+        if (__builtin_mul_overflow(bits, extent, &bits))
+            throw DImageCorruptedException(codec::text::SIZE_MISMATCH);
+    if (bits > SIZE_MAX - 7)
+        throw DImageCorruptedException(codec::text::SIZE_MISMATCH);
+    if (const char* problem = codec::headerProblem(filter, data.cdata(), data.size(), (bits + 7) / 8))
+        throw DImageCorruptedException(problem);
+}
+} // namespace
+
 template <class Allocator>
 void DBasicImage<Allocator>::setRawData(Data data, Shape shape, datatypes::Type type,
                                         unsigned long typeBits, FILTER filter)
 {
+    if (filter != DCompression::FILTER_NONE)
+        refuseChunkOfAnotherSize(filter, data, shape, typeBits);
     _data.swap(data);
     _shape.swap(shape);
     _type = type;
@@ -192,6 +212,7 @@ void DBasicImage<Allocator>::setFilter(FILTER filter, int /*parameter*/)
     if (filter == _filter)
         return;
     if (_filter != DCompression::FILTER_NONE) {
+        refuseChunkOfAnotherSize(_filter, _data, _shape, _typeBits);
         Data plain(_data.allocator());
         plain.resize(plainBytes());
         codec::decode(_filter, _data.cdata(), _data.size(), plain.data(), plain.size());

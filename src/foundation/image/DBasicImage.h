@@ -36,19 +36,30 @@ namespace image {
 /// - Out of place with a scalar: the same rule, except that a floating image with an
 ///   integer scalar keeps its own type (negation, `* -1`, of a float image stays float;
 ///   of a uint16 image gives int32).
-/// - Each pair is computed exactly: in `double` when either side is floating, else in
-///   64-bit (or, with a 64-bit operand, 128-bit) integers. The value is then stored in the
-///   result type: integers saturate at the type's limits (no wrap-around; a negative
-///   difference in an unsigned image gives 0), floating values are rounded to the nearest
-///   integer (halves away from zero) and NaN becomes 0; BOOL stores 1 for non-zero.
+/// - Each pair is computed in a type that holds its result, so that nothing overflows
+///   before the store: in `double` when either side is floating (a 64-bit integer beyond
+///   2^53 is first rounded to the nearest double); else exactly, in 64-bit integers
+///   (unsigned 64-bit for a product of two unsigned types, as uint32 * uint32 needs) or,
+///   with a 64-bit operand, in 128-bit integers, where a product beyond their range stands
+///   for the limit of its sign.
+/// - The value is then stored in the result type. Integers saturate at the type's limits
+///   (no wrap-around; a negative difference in an unsigned image gives 0). A floating
+///   value stored into an integer type is rounded to the nearest integer, halves away from
+///   zero, exactly for every double (0.49999999999999994 gives 0, -2.5 gives -3, an odd
+///   integer above 2^52 stays itself), then saturates at the type's limits (every double
+///   within them, such as 2^63 - 1024 in int64, is kept exactly; +-inf gives the limit);
+///   NaN gives 0. Into float, the nearest float (+-inf beyond its range). BOOL stores 1
+///   for any value but zero, NaN included.
 /// - Division: integer quotients truncate toward zero and a quotient by zero is 0; in
-///   floating arithmetic division by zero follows IEEE 754 (inf or NaN), which an integer
-///   result then saturates (NaN gives 0).
+///   floating arithmetic division by zero follows IEEE 754 (+-inf or NaN), which an integer
+///   result then stores as above (the limit, or 0 for NaN).
 ///
-/// Conversion (`asType`) is the ordinary numeric conversion between the two machine
-/// types (integers wrap, floating values truncate toward zero, BOOL is non-zero), except
-/// that floating values outside an integer type's range saturate and NaN gives 0, where
-/// the language leaves the result undefined.
+/// Conversion (`asType`, and DImage's pixel access, whose reading as bool alone counts
+/// NaN as zero) is the ordinary numeric conversion between the two machine types
+/// (integers wrap modulo 2^bits, floating values truncate toward zero, BOOL is 1 for any
+/// value but zero, NaN included), except that floating values beyond an integer type's
+/// range saturate at its limits and NaN gives 0, where the language leaves the result
+/// undefined. Every double within the range converts exactly.
 template <class Allocator>
 class DBasicImage {
 public:
@@ -122,7 +133,9 @@ public:
     /// Drops all elements and the buffer; the description stays.
     void clear();
     void swap(DBasicImage& other) noexcept;
-    /// Takes over a buffer as it stands; nothing is decoded here.
+    /// Takes over a buffer as it stands; nothing is decoded here. A compressed chunk whose
+    /// header announces another plain size than the shape needs, or more than it can hold
+    /// (codec::headerProblem), raises DImageCorruptedException and changes nothing.
     void setRawData(Data data, Shape shape, datatypes::Type type, unsigned long typeBits,
                     FILTER filter);
     /// See DBasicImageData::allowSharing.
@@ -130,7 +143,8 @@ public:
     /// Brings the buffer into the given form in place: FILTER_NONE decodes (a no-op on a
     /// plain container), another filter encodes the plain pixels. The parameter is
     /// reserved and must be 0. A chunk that does not decode raises
-    /// DImageCorruptedException (see DCompression.h) and leaves the container as it was.
+    /// DImageCorruptedException (see DCompression.h) and leaves the container as it was;
+    /// one whose header disagrees with the shape does so before the decode allocates.
     void setFilter(FILTER filter, int parameter);
 
     /// Converted copy (see the class comment); the source is unchanged.

@@ -230,8 +230,30 @@ std::vector<char> encodeBitshuffleLz4(const char* plain, size_t size, size_t ele
 
 } // namespace
 
+const char* headerProblem(DCompression::FILTER filter, const char* chunk, std::size_t chunkSize,
+                          std::size_t outSize) noexcept
+{
+    switch (filter) {
+    case DCompression::FILTER_NONE:
+        return chunkSize == outSize ? nullptr : text::SIZE_MISMATCH;
+    case DCompression::FILTER_LZ4:
+    case DCompression::FILTER_BS16_LZ4:
+    case DCompression::FILTER_BS32_LZ4:
+        if (chunkSize < HEADER_SIZE)
+            return text::TRUNCATED;
+        if (readBe64(chunk) != outSize)
+            return text::SIZE_MISMATCH;
+        // Every LZ4 byte yields at most 255 plain bytes, raw pieces one: a header that
+        // promises more than that is damage, and must not become a huge allocation.
+        return outSize / 256 > chunkSize ? text::TRUNCATED : nullptr;
+    }
+    return text::UNKNOWN_FILTER;
+}
+
 void decode(DCompression::FILTER filter, const char* chunk, std::size_t chunkSize, char* out, std::size_t outSize)
 {
+    if (const char* problem = headerProblem(filter, chunk, chunkSize, outSize))
+        corrupted(problem);
     switch (filter) {
     case DCompression::FILTER_NONE:
         if (chunkSize != outSize)

@@ -44,7 +44,8 @@ struct DCompression {
 /// Every length field is checked before use. decode raises DImageCorruptedException with:
 /// - "Unknown compression filter": `filter` is none of the four forms;
 /// - "Compressed chunk is truncated": a header, a length field or a block reaches past
-///   `chunkSize` (beyond the one-byte allowance above);
+///   `chunkSize` (beyond the one-byte allowance above), or the chunk has fewer than
+///   1/256 of `outSize` bytes, which no LZ4 data can expand to (see headerProblem);
 /// - "Compressed chunk does not match the image size": the total size in the header is not
 ///   `outSize` (or, for FILTER_NONE, `chunkSize` is not `outSize`), or a bitshuffle total
 ///   is not a whole number of elements;
@@ -54,7 +55,8 @@ struct DCompression {
 /// - "LZ4 block does not decode": an LZ4 block that is malformed or does not decode to
 ///   exactly its plain length.
 /// The header is checked before the blocks: a chunk too short for its header is truncated,
-/// then the total size, then the block size. encode raises DBadParameterException with
+/// then the total size, then the chunk's length against it, then the block size. encode
+/// raises DBadParameterException with
 /// "Unknown compression filter", "Chunk is too large to encode" (FILTER_LZ4 over LZ4's
 /// limit of 2 113 929 216 bytes) or "Size is not a multiple of the element size"
 /// (bitshuffle forms).
@@ -72,6 +74,16 @@ inline constexpr const char* TOO_LARGE = "Chunk is too large to encode";
 inline constexpr const char* NOT_WHOLE_ELEMENTS = "Size is not a multiple of the element size";
 inline constexpr const char* LZ4_COMPRESS = "LZ4 compression failed";
 } // namespace text
+
+/// What a chunk's header says against a plain size of `outSize` bytes, before anything
+/// is allocated for the decode: null when it agrees, else the text of decode's failure
+/// ("Compressed chunk is truncated" for a chunk shorter than its header, or too short for
+/// LZ4 to produce `outSize` bytes from, since a block expands at most 255-fold;
+/// "Compressed chunk does not match the image size" for another announced total;
+/// "Unknown compression filter"). FILTER_NONE: the sizes must be equal. Reads at most the
+/// 12 bytes of the header.
+const char* headerProblem(DCompression::FILTER filter, const char* chunk, std::size_t chunkSize,
+                          std::size_t outSize) noexcept;
 
 /// Decodes `chunk` (`chunkSize` bytes, in the form `filter`) into `out`, which must
 /// receive exactly `outSize` bytes. Raises DImageCorruptedException on a chunk that

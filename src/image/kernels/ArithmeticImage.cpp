@@ -23,7 +23,7 @@ struct Combine {
         using Res = ResultType<L, R>;
         Image result(a.shape(), a.allocator(), datatypes::PixelTraits<Res>::type,
                      datatypes::PixelTraits<Res>::bits);
-        combine<ComputeType<L, R>>(op, reinterpret_cast<const L*>(a.cdata()),
+        combine(op, reinterpret_cast<const L*>(a.cdata()),
                                    reinterpret_cast<const R*>(b.cdata()),
                                    reinterpret_cast<Res*>(result.data()), a.size());
         return result;

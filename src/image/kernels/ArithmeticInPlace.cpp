@@ -14,7 +14,7 @@ struct CombineInPlace {
     void fire(Image& a, const Image& b) const
     {
         L* pixels = reinterpret_cast<L*>(a.data());
-        combine<ComputeType<L, R>>(op, pixels, reinterpret_cast<const R*>(b.cdata()), pixels,
+        combine(op, pixels, reinterpret_cast<const R*>(b.cdata()), pixels,
                                    a.size());
     }
 };

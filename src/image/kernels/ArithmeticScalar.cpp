@@ -12,10 +12,9 @@ Image arithmeticScalar(Op op, const Image& a, T value)
     return datatypes::dispatchType(a.type(), a.typeBits(), [&](auto tag) {
         using L = typename decltype(tag)::type;
         using Res = ScalarResultType<L, T>;
-        using C = ComputeType<L, T>;
         Image result(a.shape(), a.allocator(), datatypes::PixelTraits<Res>::type,
                      datatypes::PixelTraits<Res>::bits);
-        combineScalar<C>(op, reinterpret_cast<const L*>(a.cdata()), static_cast<C>(value),
+        combineScalar(op, reinterpret_cast<const L*>(a.cdata()), value,
                          reinterpret_cast<Res*>(result.data()), a.size());
         return result;
     });
@@ -26,9 +25,8 @@ void arithmeticScalarInPlace(Op op, Image& a, T value)
 {
     datatypes::dispatchType(a.type(), a.typeBits(), [&](auto tag) {
         using L = typename decltype(tag)::type;
-        using C = ComputeType<L, T>;
         L* pixels = reinterpret_cast<L*>(a.data());
-        combineScalar<C>(op, pixels, static_cast<C>(value), pixels, a.size());
+        combineScalar(op, pixels, value, pixels, a.size());
     });
 }
 

@@ -66,13 +66,21 @@ template <class L, class T>
 using ScalarResultType =
     std::conditional_t<std::is_floating_point_v<L> && !std::is_floating_point_v<T>, L, ResultType<L, T>>;
 
-/// The type in which a pair is computed exactly.
-template <class A, class B>
+enum class Op { Add, Sub, Mul, Div };
+
+/// The type in which a pair is computed: double when either side is floating; else one
+/// that holds every result of the operation, so that nothing overflows before the store
+/// saturates. 64-bit signed integers hold every sum, difference, product and quotient of
+/// two types up to 32 bits, except a product of two unsigned ones, which is taken in
+/// unsigned 64 bits; with a 64-bit operand, 128-bit integers, whose one possible
+/// overflow (a product of two 64-bit values) apply() saturates.
+template <Op op, class A, class B>
 using ComputeType = std::conditional_t<
     std::is_floating_point_v<A> || std::is_floating_point_v<B>, double,
-    std::conditional_t<(sizeof(A) <= 4 && sizeof(B) <= 4), long long, __int128>>;
-
-enum class Op { Add, Sub, Mul, Div };
+    std::conditional_t<(sizeof(A) <= 4 && sizeof(B) <= 4),
+                       std::conditional_t<op == Op::Mul && std::is_unsigned_v<A> && std::is_unsigned_v<B>,
+                                          unsigned long long, long long>,
+                       __int128>>;
 
 template <Op op, class C>
 inline C apply(C a, C b)
@@ -100,26 +108,28 @@ inline C apply(C a, C b)
     }
 }
 
-/// Largest double not above the maximum of integer type T (exact for types up to 32 bits).
-template <class T>
-constexpr double doubleMax()
-{
-    if constexpr (digitsOf<T>() <= 53)
-        return static_cast<double>(std::numeric_limits<T>::max());
-    else
-        return static_cast<double>(std::numeric_limits<T>::max()) -
-               static_cast<double>(1ULL << (digitsOf<T>() - 52)); // one step below 2^digits
-}
-
 /// Floating to integer with truncation, saturation and NaN as 0: the language's
-/// conversion where it is defined, and a defined value where it is not.
+/// conversion where it is defined, and a defined value where it is not. The limits are
+/// compared as exact doubles (min is 0 or -2^digits, max + 1 is 2^digits), so that every
+/// double inside the range converts exactly and one beyond it gives the integer limit.
 template <class T>
 inline T truncateToInteger(double v)
 {
-    v = (v == v) ? v : 0.0;
-    v = v < static_cast<double>(std::numeric_limits<T>::min()) ? static_cast<double>(std::numeric_limits<T>::min()) : v;
-    v = v > doubleMax<T>() ? doubleMax<T>() : v;
-    return static_cast<T>(v);
+    using Limits = std::numeric_limits<T>;
+    constexpr double above = static_cast<double>(Limits::max() / 2 + 1) * 2.0;
+    constexpr double lowest = static_cast<double>(Limits::min());
+    return v >= above ? Limits::max() : v <= lowest ? Limits::min() : v == v ? static_cast<T>(v) : T(0);
+}
+
+/// Floating to integer, rounded to the nearest with halves away from zero, saturated, NaN
+/// as 0. Exact for every double: the fraction v - trunc(v) is computed without rounding,
+/// where adding 0.5 would round (0.49999999999999994 + 0.5 is 1, and odd values in
+/// [2^52, 2^53) move by one).
+template <class T>
+inline T roundToInteger(double v)
+{
+    const double whole = std::trunc(v);
+    return truncateToInteger<T>(std::fabs(v - whole) >= 0.5 ? whole + std::copysign(1.0, v) : whole);
 }
 
 /// Stores a computed value into the result type: integers saturate, floating values are
@@ -132,7 +142,10 @@ inline Res store(C v)
     } else if constexpr (std::is_floating_point_v<Res>) {
         return static_cast<Res>(v);
     } else if constexpr (std::is_floating_point_v<C>) {
-        return truncateToInteger<Res>(v + std::copysign(0.5, v));
+        return roundToInteger<Res>(v);
+    } else if constexpr (std::is_unsigned_v<C>) {
+        using Limits = std::numeric_limits<Res>;
+        return v > static_cast<C>(Limits::max()) ? Limits::max() : static_cast<Res>(v);
     } else {
         using Limits = std::numeric_limits<Res>;
         // Compare in a type that holds both ranges: long long where it suffices, as
