@@ -1,5 +1,6 @@
 #include "ViewCommand.h"
 
+#include "CliSupport.h"
 #include "ViewServer.h"
 
 #include <csignal>
@@ -19,8 +20,9 @@ struct ViewOptions {
 };
 
 /// Serves until SIGINT or SIGTERM. The signals are blocked in every thread and taken
-/// here by sigwait, so no handler runs inside the server's threads.
-int runView(const ViewOptions& options)
+/// here by sigwait, so no handler runs inside the server's threads. A target that can't be
+/// opened or an address that can't be bound ends as the tool's one-line failure.
+void runView(const ViewOptions& options)
 {
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
@@ -35,10 +37,8 @@ int runView(const ViewOptions& options)
         sigwait(&stopSignals, &signal);
         server.stop();
     } catch (const std::exception& e) {
-        std::cerr << "norvexa view: " << e.what() << std::endl;
-        return 1;
+        throw ExitError(kExitFailure, e.what());
     }
-    return 0;
 }
 
 } // namespace
@@ -53,11 +53,7 @@ void addViewCommand(CLI::App& app)
     view->add_option("--port", options->port, "port to serve on; 0 picks a free one (default 8080)")
         ->check(CLI::Range(0, 65535));
     view->add_option("--bind", options->bind, "address to serve on (default 127.0.0.1, this machine only)");
-    view->callback([options] {
-        const int status = runView(*options);
-        if (status != 0)
-            throw CLI::RuntimeError(status);
-    });
+    view->callback([options] { runView(*options); });
 }
 
 } // namespace cli
