@@ -3,6 +3,7 @@
 
 #include "CliSupport.h"
 #include "Commands.h"
+#include "FramePicture.h"
 #include "Inputs.h"
 
 #include "DColorMap.h"
@@ -12,7 +13,6 @@
 #include "DRect.h"
 
 #include <CLI/CLI.hpp>
-#include <png.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -41,110 +41,6 @@ struct PngOptions {
     bool legend = false;
     int maxSize = 0;
 };
-
-/// An 8-bit RGB picture.
-struct Canvas {
-    Canvas(int w, int h, std::uint32_t background) : width(w), height(h), rgb(std::size_t(w) * h * 3)
-    {
-        fill(0, 0, w, h, background);
-    }
-    /// `color` as 0x..RRGGBB; nothing outside the picture.
-    void set(int x, int y, std::uint32_t color)
-    {
-        if (x < 0 || y < 0 || x >= width || y >= height)
-            return;
-        std::uint8_t* p = &rgb[(std::size_t(y) * width + x) * 3];
-        p[0] = static_cast<std::uint8_t>(color >> 16);
-        p[1] = static_cast<std::uint8_t>(color >> 8);
-        p[2] = static_cast<std::uint8_t>(color);
-    }
-    void fill(int x0, int y0, int w, int h, std::uint32_t color)
-    {
-        for (int y = y0; y < y0 + h; ++y)
-            for (int x = x0; x < x0 + w; ++x)
-                set(x, y, color);
-    }
-    /// An ARGB image with its top-left corner at (x0, y0); `flip` puts row 0 at the bottom.
-    void paste(const DImage& argb, int x0, int y0, bool flip)
-    {
-        const auto* p = reinterpret_cast<const std::uint32_t*>(argb.cdata());
-        for (int y = 0; y < argb.height(); ++y)
-            for (int x = 0; x < argb.width(); ++x)
-                set(x0 + x, y0 + (flip ? argb.height() - 1 - y : y), p[std::size_t(y) * argb.width() + x]);
-    }
-
-    int width, height;
-    std::vector<std::uint8_t> rgb;
-};
-
-// A 5 x 7 font for the characters of a number: 7 rows of 5 bits per glyph.
-struct Glyph {
-    char c;
-    std::uint8_t rows[7];
-};
-constexpr Glyph kFont[] = {
-    {'0', {0x0e, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0e}}, {'1', {0x04, 0x0c, 0x04, 0x04, 0x04, 0x04, 0x0e}},
-    {'2', {0x0e, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1f}}, {'3', {0x1f, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0e}},
-    {'4', {0x02, 0x06, 0x0a, 0x12, 0x1f, 0x02, 0x02}}, {'5', {0x1f, 0x10, 0x1e, 0x01, 0x01, 0x11, 0x0e}},
-    {'6', {0x06, 0x08, 0x10, 0x1e, 0x11, 0x11, 0x0e}}, {'7', {0x1f, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08}},
-    {'8', {0x0e, 0x11, 0x11, 0x0e, 0x11, 0x11, 0x0e}}, {'9', {0x0e, 0x11, 0x11, 0x0f, 0x01, 0x02, 0x0c}},
-    {'.', {0x00, 0x00, 0x00, 0x00, 0x00, 0x0c, 0x0c}}, {'-', {0x00, 0x00, 0x00, 0x1f, 0x00, 0x00, 0x00}},
-    {'e', {0x00, 0x00, 0x0e, 0x11, 0x1f, 0x10, 0x0e}}, {'+', {0x00, 0x04, 0x04, 0x1f, 0x04, 0x04, 0x00}},
-};
-
-void drawText(Canvas& canvas, int x0, int y0, const std::string& text, int scale, std::uint32_t color)
-{
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto glyph =
-            std::find_if(std::begin(kFont), std::end(kFont), [&](const Glyph& g) { return g.c == text[i]; });
-        if (glyph == std::end(kFont))
-            continue;
-        for (int row = 0; row < 7; ++row)
-            for (int col = 0; col < 5; ++col)
-                if (glyph->rows[row] & (0x10 >> col))
-                    canvas.fill(x0 + (int(i) * 6 + col) * scale, y0 + row * scale, scale, scale, color);
-    }
-}
-
-/// libpng reports failures by a long jump back into this function, which therefore holds
-/// nothing with a destructor.
-bool writeRows(png_structp png, png_infop info, FILE* file, const Canvas& canvas, png_bytepp rows)
-{
-    if (setjmp(png_jmpbuf(png)))
-        return false;
-    png_init_io(png, file);
-    png_set_IHDR(png, info, static_cast<png_uint_32>(canvas.width), static_cast<png_uint_32>(canvas.height), 8,
-                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_set_compression_level(png, 3);
-    png_write_info(png, info);
-    png_write_image(png, rows);
-    png_write_end(png, nullptr);
-    return true;
-}
-
-// libpng's own handlers print; a failure here is reported once, by the caller.
-void pngError(png_structp png, png_const_charp)
-{
-    png_longjmp(png, 1);
-}
-void pngWarning(png_structp, png_const_charp) {}
-
-/// False when anything failed, a full disk included.
-bool writePng(const Canvas& canvas, const fs::path& path)
-{
-    FILE* file = std::fopen(path.c_str(), "wb");
-    if (!file)
-        return false;
-    std::vector<png_bytep> rows(static_cast<std::size_t>(canvas.height));
-    for (int y = 0; y < canvas.height; ++y)
-        rows[std::size_t(y)] = const_cast<png_bytep>(&canvas.rgb[std::size_t(y) * canvas.width * 3]);
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, &pngError, &pngWarning);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    bool written = info && writeRows(png, info, file, canvas, rows.data());
-    png_destroy_write_struct(&png, &info);
-    written = std::fflush(file) == 0 && written && !std::ferror(file);
-    return std::fclose(file) == 0 && written;
-}
 
 /// Bins by `factor` in both directions, each bin the brightest of its valid pixels so that
 /// no spot disappears; a bin without valid pixels takes its pixels' mask bits together.
@@ -243,37 +139,14 @@ void picture(const PngOptions& o)
         throw failure(o.path, e.what());
     }
 
-    std::unique_ptr<Canvas> canvas;
-    if (!o.legend) {
-        canvas = std::make_unique<Canvas>(frame.width(), frame.height(), 0);
-        canvas->paste(colours, 0, 0, false);
-    } else {
-        // Beside the picture: the bar, its tick marks and their values, scaled to the picture.
-        const int scale = std::max(1, frame.height() / 500);
-        const int margin = 8 * scale, barWidth = 12 * scale, tick = 3 * scale, textWidth = 9 * 6 * scale;
-        const int barHeight = std::max(2, frame.height() - 2 * margin);
-        canvas = std::make_unique<Canvas>(frame.width() + margin + barWidth + tick + scale + textWidth + margin,
-                                          std::max(frame.height(), barHeight + 2 * margin), 0x303030);
-        canvas->paste(colours, 0, 0, false);
-        DImage bar(barWidth, barHeight, 0);
-        std::map<int, double> ticks;
-        DColorMap::legend(bar, ticks, high, low, logHigh, table, "ARGB");
-        const int barLeft = frame.width() + margin;
-        canvas->paste(bar, barLeft, margin, true);
-        for (const auto& [row, value] : ticks) {
-            const int y = margin + barHeight - 1 - row;
-            canvas->fill(barLeft + barWidth, y - scale / 2, tick, std::max(1, scale / 2 + 1), 0xffffff);
-            drawText(*canvas, barLeft + barWidth + tick + scale, y - 7 * scale / 2, number(value, 4), scale,
-                     0xffffff);
-        }
-    }
+    const FramePicture picture = framePicture(colours, table, high, low, logHigh, o.legend);
 
     const fs::path target(o.out);
     StagedFiles staged(target);
-    if (!writePng(*canvas, staged.staged(target.filename().string())))
+    if (!writePng(picture, staged.staged(target.filename().string()).string()))
         throw failure(o.out, "Write failed (is the disk full?)");
     staged.commit();
-    std::cout << "wrote " << o.out << ": " << canvas->width << " x " << canvas->height << ", " << o.table
+    std::cout << "wrote " << o.out << ": " << picture.width << " x " << picture.height << ", " << o.table
               << " from " << number(low) << " to " << number(high)
               << (table.logDataSize() > 0 && logHigh > high ? ", logarithmic to " + number(logHigh) : "") << "\n";
 }
