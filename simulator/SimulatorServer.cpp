@@ -10,10 +10,12 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <csignal>
 #include <chrono>
 #include <set>
 #include <thread>
 
+#include <pthread.h>
 #include <unistd.h>
 
 namespace norvexa {
@@ -516,6 +518,22 @@ void SimulatorServer::clearFaults()
 {
     std::lock_guard<std::mutex> lock(_d->logMutex);
     _d->faults.clear();
+}
+
+void serveUntilStopped(const SimulatorOptions& options, std::ostream& out)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    SimulatorServer server(options);
+    const int port = server.start();
+    out << "listening on http://" << options.host << ":" << port << "\n"
+        << "stream on tcp://" << options.host << ":" << server.dataPort() << std::endl;
+    int signal = 0;
+    sigwait(&signals, &signal);
+    server.stop();
 }
 
 } // namespace simulator

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <vector>
+#include <ostream>
 
 namespace norvexa {
 namespace simulator {
@@ -86,6 +87,12 @@ public:
 private:
     std::unique_ptr<Private> _d;
 };
+
+/// The simulator program: serves on `options` until SIGINT or SIGTERM (blocked in every
+/// thread and taken by sigwait, so no handler runs inside the server), after writing
+/// "listening on http://HOST:PORT" and "stream on tcp://HOST:PORT" to `out`. A server
+/// that can't start throws.
+void serveUntilStopped(const SimulatorOptions& options, std::ostream& out);
 
 } // namespace simulator
 } // namespace norvexa

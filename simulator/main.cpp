@@ -1,6 +1,7 @@
 // norvexa_detector_sim: a simulated detector server for trying and testing the REST
 // clients without a detector. It listens on 127.0.0.1, prints the port on its first line
-// of output ("listening on http://127.0.0.1:<port>") and runs until SIGINT or SIGTERM.
+// of output ("listening on http://127.0.0.1:<port>"), the stream's on its second, and runs
+// until SIGINT or SIGTERM.
 //
 // Where the parts are: ParameterStore holds one table of parameters per interface and
 // section; DetectorStateMachine runs the states and the acquisition and tells every
@@ -15,7 +16,6 @@
 
 #include "SimulatorServer.h"
 
-#include <csignal>
 #include <iostream>
 
 int main(int argc, char** argv)
@@ -34,20 +34,8 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    // The signals are taken by sigwait below, not by a handler.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     try {
-        SimulatorServer server(options);
-        const int port = server.start();
-        std::cout << "listening on http://" << options.host << ":" << port << std::endl;
-        int signal = 0;
-        sigwait(&signals, &signal);
-        server.stop();
+        serveUntilStopped(options, std::cout);
     } catch (const std::exception& e) {
         std::cerr << argv[0] << ": " << e.what() << "\n";
         return 1;

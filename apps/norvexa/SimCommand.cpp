@@ -8,10 +8,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <csignal>
 #include <iostream>
 #include <memory>
-#include <pthread.h>
 
 namespace norvexa {
 namespace cli {
@@ -31,20 +29,8 @@ void simulate(const std::vector<std::string>& arguments)
         throw usageError(e.what());
     }
 
-    // The signals are taken by sigwait below, not by a handler.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     try {
-        SimulatorServer server(options);
-        const int port = server.start();
-        std::cout << "listening on http://" << options.host << ":" << port << "\n"
-                  << "stream on tcp://" << options.host << ":" << server.dataPort() << std::endl;
-        int signal = 0;
-        sigwait(&signals, &signal);
-        server.stop();
+        serveUntilStopped(options, std::cout);
     } catch (const std::exception& e) {
         throw failure("", e.what());
     }
