@@ -23,10 +23,10 @@ import norvexa.dask  # noqa: E402
 TIMEOUT = 60
 HEIGHT, WIDTH = 48, 64
 
-spec = importlib.util.spec_from_file_location(
+found = importlib.util.spec_from_file_location(
     "series_reduction", pathlib.Path(__file__).parents[2] / "examples" / "python" / "series_reduction.py")
-example = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(example)
+example = importlib.util.module_from_spec(found)
+found.loader.exec_module(example)
 
 
 @pytest.fixture(scope="module")
