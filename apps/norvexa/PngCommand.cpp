@@ -5,6 +5,7 @@
 #include "Commands.h"
 #include "FramePicture.h"
 #include "Inputs.h"
+#include "Picture.h"
 
 #include "DColorMap.h"
 #include "DColorTable.h"
@@ -15,7 +16,6 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -42,45 +42,16 @@ struct PngOptions {
     int maxSize = 0;
 };
 
-/// Bins by `factor` in both directions, each bin the brightest of its valid pixels so that
-/// no spot disappears; a bin without valid pixels takes its pixels' mask bits together.
+/// Bins by `factor` in both directions as the viewer does: each bin the brightest of its
+/// valid pixels, so that no spot disappears; a bin without valid pixels takes their flags.
 void binByMaximum(DImage& frame, DImage& mask, int factor)
 {
-    const int w = frame.width(), h = frame.height();
-    const int bw = (w + factor - 1) / factor, bh = (h + factor - 1) / factor;
-    const DImage values = frame.asType<double>();
-    const DImage flags = mask.asType<unsigned int>();
-    const auto* v = reinterpret_cast<const double*>(values.cdata());
-    const auto* m = reinterpret_cast<const unsigned int*>(flags.cdata());
-    DImage binned(bw, bh, 0.0);
-    DImage binnedMask(bw, bh, 0u);
-    auto* bv = reinterpret_cast<double*>(binned.data());
-    auto* bm = reinterpret_cast<unsigned int*>(binnedMask.data());
-    std::vector<double> best(std::size_t(bw), -DBL_MAX);
-    std::vector<unsigned int> bits(std::size_t(bw), 0);
-    std::vector<char> any(std::size_t(bw), 0);
-    for (int by = 0; by < bh; ++by) {
-        std::fill(best.begin(), best.end(), -DBL_MAX);
-        std::fill(bits.begin(), bits.end(), 0u);
-        std::fill(any.begin(), any.end(), 0);
-        for (int y = by * factor; y < std::min(h, (by + 1) * factor); ++y)
-            for (int x = 0; x < w; ++x) {
-                const std::size_t i = std::size_t(y) * w + x, b = std::size_t(x / factor);
-                if (m[i]) {
-                    bits[b] |= m[i];
-                } else {
-                    any[b] = 1;
-                    best[b] = std::max(best[b], v[i]);
-                }
-            }
-        for (int bx = 0; bx < bw; ++bx) {
-            bv[std::size_t(by) * bw + bx] = any[bx] ? best[bx] : 0;
-            bm[std::size_t(by) * bw + bx] = any[bx] ? 0 : bits[bx];
-        }
-    }
+    DImage binned, binnedFlags;
+    view::binByMaximum(frame, view::flagsOfMask(mask), DRect(0, 0, frame.width(), frame.height()), factor, binned,
+                       binnedFlags);
     binned.optionalData() = frame.optionalData();
+    mask = binnedFlags.empty() ? DImage(binned.width(), binned.height(), 0u) : std::move(binnedFlags);
     frame = std::move(binned);
-    mask = std::move(binnedMask);
 }
 
 /// The brightest valid pixel, or `fallback` when none is above it.
