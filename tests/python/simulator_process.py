@@ -18,14 +18,10 @@ REPO = pathlib.Path(__file__).resolve().parents[2]
 
 
 def simulator_path():
-    """The simulator program: CTest names it; by hand, the usual build tree."""
-    path = os.environ.get("NORVEXA_DETECTOR_SIM")
-    if path:
-        return path
-    guess = REPO / "build" / "simulator" / "norvexa_detector_sim"
-    if guess.exists():
-        return str(guess)
-    pytest.skip("the detector simulator is not built (set NORVEXA_DETECTOR_SIM)")
+    path = os.environ.get("NORVEXA_DETECTOR_SIM", REPO / "build" / "simulator" / "norvexa_detector_sim")
+    if not os.path.exists(path):
+        pytest.skip("the detector simulator is not built (set NORVEXA_DETECTOR_SIM)")
+    return str(path)
 
 
 def free_port():
@@ -52,20 +48,11 @@ class Simulator:
             raise RuntimeError("simulator did not start: " + line + self.process.stderr.read())
         self.port = int(line.rsplit(":", 1)[1])
 
-    def put(self, path, value, timeout=5):
-        """PUT {"value": value} to the path; the reply's status."""
+    def put(self, path, value):
         request = urllib.request.Request(
             f"http://127.0.0.1:{self.port}{path}", method="PUT",
             data=json.dumps({"value": value}).encode(), headers={"Content-Type": "application/json"})
-        with urllib.request.urlopen(request, timeout=timeout) as reply:
-            return reply.status
-
-    def fault(self, **knobs):
-        request = urllib.request.Request(
-            f"http://127.0.0.1:{self.port}/simulator/faults", method="PUT",
-            data=json.dumps(knobs).encode(), headers={"Content-Type": "application/json"})
-        with urllib.request.urlopen(request, timeout=5) as reply:
-            return reply.status
+        urllib.request.urlopen(request, timeout=5).close()
 
     def stop(self):
         # Clients that a test's traceback still holds keep connections open, and the
@@ -83,7 +70,6 @@ class Simulator:
 
 
 def wait_until(condition, seconds=10, step=0.01):
-    """Polls `condition` until it holds; False when it never did within `seconds`."""
     end = time.monotonic() + seconds
     while time.monotonic() < end:
         if condition():
@@ -94,9 +80,8 @@ def wait_until(condition, seconds=10, step=0.01):
 
 def python_child(code, **kwargs):
     """A child Debian python3 running `code` with this process's norvexa on its path."""
-    env = dict(os.environ)
     import norvexa
-    package_root = str(pathlib.Path(norvexa.__file__).resolve().parents[1])
-    env["PYTHONPATH"] = package_root + os.pathsep + env.get("PYTHONPATH", "")
+    root = str(pathlib.Path(norvexa.__file__).resolve().parents[1])
+    env = dict(os.environ, PYTHONPATH=root + os.pathsep + os.environ.get("PYTHONPATH", ""))
     return subprocess.Popen([sys.executable, "-c", code], env=env, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, text=True, **kwargs)

@@ -1,5 +1,6 @@
 """Detector, FileWriter and Monitor against the project's detector simulator."""
 
+import concurrent.futures
 import pathlib
 import re
 import threading
@@ -29,52 +30,37 @@ def acquire(detector, images):
 
 def test_getters_return_values_with_their_limits(sim):
     det = norvexa.Detector("127.0.0.1", sim.port)
-    assert (det.host, det.port) == ("127.0.0.1", sim.port)
     det.set_count_time(0.25)
     assert det.count_time() == norvexa.Ranged(0.25, 1e-5, 3600.0)
     value, low, high = det.photon_energy()
     assert (low, high) == (2500.0, 30000.0) and low <= value <= high
     det.set_nimages(7)
-    assert det.nimages() == norvexa.Ranged(7, 1, 1000000)
-    assert isinstance(det.nimages().value, int)
+    assert det.nimages() == norvexa.Ranged(7, 1, 1000000) and isinstance(det.nimages().value, int)
     det.set_element("Mo")
-    element = det.element()
-    assert element.value == "Mo"
-    assert element.allowed == frozenset({"Ag", "Cr", "Cu", "Fe", "Ga", "In", "Mo", "Ti"})
+    assert det.element().value == "Mo"
     assert det.trigger_mode().allowed == frozenset({"exte", "exts", "inte", "ints"})
     det.set_pixel_mask_applied(False)
     assert det.pixel_mask_applied() is False
     assert (det.description(), det.detector_number()) == ("Norvexa simulated detector", "SIM-0001")
-    assert det.status() == "idle"
-    assert "count_time" in det.count_time.__doc__ and "abort" in det.count_time.__doc__
 
 
-@pytest.mark.parametrize("call, status, text", [
-    (lambda d: d.set_count_time(5000.0), 400, "count_time: value 5000 out of range [1e-05, 3600]"),
-    (lambda d: d.set_element("Xx"), 400, 'element: value Xx is not among the allowed values'),
-    (lambda d: d.trigger(), 400, "Command trigger not allowed in state idle"),
+@pytest.mark.parametrize("call, text", [
+    (lambda d: d.set_count_time(5000.0), "count_time: value 5000 out of range [1e-05, 3600]"),
+    (lambda d: d.set_element("Xx"), 'element: value Xx is not among the allowed values'),
+    (lambda d: d.trigger(), "Command trigger not allowed in state idle"),
 ])
-def test_a_refusal_carries_the_status_and_the_text(sim, call, status, text):
-    det = norvexa.Detector("127.0.0.1", sim.port)
+def test_a_refusal_carries_the_status_and_the_text(sim, call, text):
     with pytest.raises(norvexa.HttpException) as refused:
-        call(det)
-    assert refused.value.status == status
-    assert str(refused.value) == text
-
-
-def test_commands_walk_the_states(sim):
-    det = norvexa.Detector("127.0.0.1", sim.port)
-    det.arm()
-    assert det.status() == "ready"
-    det.disarm()
-    assert det.status() == "idle"
-    acquire(det, 2)
+        call(norvexa.Detector("127.0.0.1", sim.port))
+    assert (refused.value.status, str(refused.value)) == (400, text)
 
 
 def test_file_writer_lists_fetches_and_removes(sim, tmp_path):
     det = norvexa.Detector("127.0.0.1", sim.port)
     writer = norvexa.FileWriter("127.0.0.1", sim.port)
-    assert writer.enabled()
+    det.arm()
+    assert det.status() == "ready"
+    det.disarm()
     acquire(det, 2)
     assert wait_until(lambda: len(writer.list_files()) >= 2, 10)
     names = writer.list_files()
@@ -86,15 +72,12 @@ def test_file_writer_lists_fetches_and_removes(sim, tmp_path):
     with pytest.raises(norvexa.HttpException, match="not found") as missing:
         writer.remove(master)
     assert missing.value.status == 404
-    writer.set_enabled(False)
-    assert not writer.enabled()
 
 
 def test_monitor_hands_out_images_and_times_out(sim):
     det = norvexa.Detector("127.0.0.1", sim.port)
     monitor = norvexa.Monitor("127.0.0.1", sim.port)
     monitor.set_buffer_size(3)
-    assert monitor.buffer_size() == 3
     with pytest.raises(norvexa.TimeoutException):
         monitor.next(timeout_ms=50)
     acquire(det, 2)
@@ -126,21 +109,9 @@ def test_an_event_calls_off_a_slow_request(tmp_path):
 
 def test_threads_share_one_client(sim):
     det = norvexa.Detector("127.0.0.1", sim.port)
-    results, errors = [], []
-
-    def work():
-        try:
-            for _ in range(10):
-                results.append(det.count_time().value)
-        except Exception as e:  # noqa: BLE001 - the test reports it
-            errors.append(e)
-
-    threads = [threading.Thread(target=work) for _ in range(4)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join(30)
-    assert not errors and results == [0.001] * 40
+    with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(lambda _: det.count_time().value, range(40), timeout=30))
+    assert results == [0.001] * 40
 
 
 def test_readme_section_runs_as_written(sim, tmp_path, monkeypatch, capsys):

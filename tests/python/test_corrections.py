@@ -12,24 +12,20 @@ import norvexa
 DATA = pathlib.Path(os.environ.get("NORVEXA_DATA_DIR", pathlib.Path(__file__).resolve().parents[2] / "data"))
 
 
-def geometry_frame(wavelength=1.0):
+def geometry_frame():
     """6x4 doubles of 1.0, beam at pixel (1, 1); pixel (5, 1) sees it at 60 degrees."""
     image = norvexa.Image(np.ones((4, 6), np.float64))
-    md = image.metadata
-    md.sensor_thickness = 450e-6
-    md.wavelength = wavelength
-    md.beam_center_x = md.beam_center_y = 1.0
-    md.x_pixel_size = md.y_pixel_size = 0.25
-    md.detector_distance = math.sqrt(1.0 / 3.0)
-    md.sensor_material = "Si"
+    for name, value in dict(sensor_thickness=450e-6, wavelength=1.0, beam_center_x=1.0,
+                            beam_center_y=1.0, x_pixel_size=0.25, y_pixel_size=0.25,
+                            detector_distance=math.sqrt(1.0 / 3.0), sensor_material="Si").items():
+        setattr(image.metadata, name, value)
     return image
 
 
 def test_efficiency_factors_in_the_stored_form():
     image = geometry_frame()
-    mask = norvexa.Image(np.zeros((4, 6), np.uint32))
     correction = norvexa.EfficiencyCorrection()
-    correction.correct(image, mask)
+    correction.correct(image, norvexa.Image(np.zeros((4, 6), np.uint32)))
     # The library writes its 32-bit factors into the double buffer; read them as such.
     factors = image.data.view(np.float32).reshape(-1)
     beam, slanted = factors[1 + 1 * 6], factors[5 + 1 * 6]
@@ -74,9 +70,8 @@ def test_rate_tables_follow_the_paralysable_model():
 def test_rate_correction_refuses_missing_metadata():
     correction = norvexa.RateCorrection()
     correction.recompute_lookup_table(True)
-    frame = norvexa.Image(np.zeros((4, 4), np.int32))
     with pytest.raises(norvexa.BadParameterException, match="Invalid count time"):
-        correction.correct(frame)
+        correction.correct(norvexa.Image(np.zeros((4, 4), np.int32)))
 
 
 def test_brennik_calibration_finds_where_each_curve_passes_the_level():

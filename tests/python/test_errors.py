@@ -34,28 +34,24 @@ def test_tree_is_complete_and_based_as_documented():
     assert in_module == {c for c, _ in TREE}
     assert norvexa.Error.__bases__ == (Exception,)
     for cls, builtin in TREE:
-        assert cls.__module__ == "norvexa" and cls.__doc__
+        assert cls.__module__ == "norvexa"
         assert cls.__bases__ == ((norvexa.Error, builtin) if builtin else (norvexa.Error,)), cls
         assert str(cls("text")) == "text"
-
-
-def corrupt_cbf(tmp_path):
-    path = tmp_path / "cut.cbf"
-    path.write_bytes((DATA / "cbf" / "cbflib_small.cbf").read_bytes()[:400])
-    return path
 
 
 def raisers(tmp_path):
     image = norvexa.Image(np.zeros((4, 4), np.int32))
     closed = norvexa.open(DATA / "hdf5" / "int32_none_master.h5")
     closed.close()
+    cut = tmp_path / "cut.cbf"
+    cut.write_bytes((DATA / "cbf" / "cbflib_small.cbf").read_bytes()[:400])
     return [
         (norvexa.Error, "DImage::medianFilter: m and n must be odd", lambda: image.median_filter(2, 3)),
         (norvexa.RuntimeException, "Mask has the wrong shape",
          lambda: image.mean_filter(3, 3, mask=np.zeros((2, 2), bool))),
         (norvexa.RuntimeException, "Image series .* is closed", lambda: closed[1]),
         (norvexa.NoFileAccessException, "absent.cbf", lambda: norvexa.read(tmp_path / "absent.cbf")),
-        (norvexa.ImageCorruptedException, r"Image .*cut\.cbf is corrupted\. Magic number not found\.", lambda: norvexa.read(corrupt_cbf(tmp_path))),
+        (norvexa.ImageCorruptedException, r"Image .*cut\.cbf is corrupted\. Magic number not found\.", lambda: norvexa.read(cut)),
         (norvexa.UnknownFormatException, r"Format of .*x\.png not supported\.",
          lambda: norvexa.read(tmp_path / "x.png")),
         (norvexa.OutOfRangeException, "Slicing parameters outside image borders",
