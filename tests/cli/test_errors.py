@@ -48,10 +48,6 @@ def test_full_disk_leaves_nothing(master, tmp_path, out):
     assert leftovers(tmp_path) == []
 
 
-def test_missing_output_directory(master, tmp_path):
-    one_line_failure(run("convert", master, tmp_path / "no" / "x_#####.cbf"), tmp_path / "no")
-
-
 @pytest.mark.parametrize("args", [
     ["convert"],
     ["convert", "a.cbf", "b.jpg"],
@@ -64,8 +60,6 @@ def test_missing_output_directory(master, tmp_path):
     ["png", "{master}", "-o", "{tmp}/x.png", "--low", "5", "--high", "5"],
     ["record", "127.0.0.1:99999", "{tmp}/x_master.h5"],
     ["record", "[::1", "{tmp}/x_master.h5"],
-    ["record", "127.0.0.1:", "{tmp}/x_master.h5"],
-    ["record", ":9999", "{tmp}/x_master.h5"],
     ["record", "127.0.0.1:9999", "{tmp}/x.cbf"],
     ["record", "127.0.0.1", "{tmp}/x_master.h5", "--trigger"],
     ["nonsense"],
@@ -77,19 +71,14 @@ def test_usage_errors_exit_2(master, tmp_path, args):
     assert leftovers(tmp_path) == []
 
 
-def test_range_outside_the_series_is_a_failure(master, tmp_path):
-    one_line_failure(run("convert", master, tmp_path / "x_##.cbf", "--range", "2:9"), master, "1..3")
-
-
-@pytest.mark.parametrize("sub", ["info", "convert", "png", "record", "sim"])
-def test_help_with_an_example(sub):
-    result = run(sub, "--help")
-    assert result.returncode == 0 and "Example" in result.stdout and f"norvexa {sub}" in result.stdout
-
-
-
-def test_frame_outside_the_series(master, tmp_path):
-    one_line_failure(run("png", master, "--frame", "7", "-o", tmp_path / "x.png"), master, "Image 7")
+@pytest.mark.parametrize("args, needles", [
+    (["convert", "{master}", "{tmp}/no/x_#####.cbf"], ["{tmp}/no"]),
+    (["convert", "{master}", "{tmp}/x_##.cbf", "--range", "2:9"], ["{master}", "1..3"]),
+    (["png", "{master}", "--frame", "7", "-o", "{tmp}/x.png"], ["{master}", "Image 7"]),
+])
+def test_outside_the_series_or_nowhere_to_write(master, tmp_path, args, needles):
+    one_line_failure(run(*[a.format(master=master, tmp=tmp_path) for a in args]),
+                     *[n.format(master=master, tmp=tmp_path) for n in needles])
     assert leftovers(tmp_path) == []
 
 

@@ -18,11 +18,6 @@ MASTER = os.path.join(os.environ["NORVEXA_DATA_DIR"], "hdf5", "uint32_bslz4_mast
 ARTEFACTS = os.environ.get("NORVEXA_VIEW_ARTEFACTS", tempfile.mkdtemp(prefix="norvexa-view-"))
 
 
-def value(image, x, y):
-    """The fixture's pixel (data/hdf5/README.md)."""
-    return image * 1000 + y * 37 + x * 3
-
-
 @pytest.fixture(scope="module")
 def browser():
     os.makedirs(ARTEFACTS, exist_ok=True)
@@ -98,7 +93,6 @@ def test_series_frame_slider_and_pointer(browser):
         assert colours[(9, 6)][0] == [0, 0, 0]
         assert colours[(3, 2)][0] == [0, 0, 0]
         assert colours[(7, 5)][0] == [0x40, 0x80, 0x00]
-        # The colour bar and its ticks are there.
         wait_until(lambda: browser.find_element(By.ID, "ticks").text, 10, "tick labels")
         shoot(browser, "series_image1.png")
 
@@ -108,56 +102,31 @@ def test_series_frame_slider_and_pointer(browser):
         slider.send_keys(Keys.RIGHT)
         wait_for_image(browser, 3)
         assert "image 3" in browser.find_element(By.ID, "imageNumber").text
-        rows = header_rows(browser)
-        assert rows["image"] == "3"
-        assert rows["count_time"] == "0.1 s"
-        assert rows["wavelength"] == "1.0332 A"
+        assert header_rows(browser)["count_time"] == "0.1 s"
         for point, (page, library) in canvas_colours(browser).items():
             assert page == library, "image 3, canvas at frame pixel %s" % (point,)
 
-        # The pointer over frame pixel (10, 3) of image 3.
+        # The pointer over frame pixel (10, 3) of image 3, then over the gap.
         canvas = browser.find_element(By.ID, "frame")
         left, top, scale = (state(browser, k) for k in ("left", "top", "scale"))
-        sx, sy = (10.5 - left) / scale, (3.5 - top) / scale
-        ActionChains(browser).move_to_element_with_offset(
-            canvas, int(sx - canvas.size["width"] / 2), int(sy - canvas.size["height"] / 2)).perform()
         readout = browser.find_element(By.ID, "readout")
-        wait_until(lambda: "value %d" % value(3, 10, 3) in readout.text, 10, "the readout of (10, 3)")
-        assert readout.text.startswith("x 10 y 3")
+        for (x, y), text in (((10, 3), "value %d" % (3000 + 3 * 37 + 10 * 3)), ((12, 6), "(gap)")):
+            sx, sy = (x + 0.5 - left) / scale, (y + 0.5 - top) / scale
+            ActionChains(browser).move_to_element_with_offset(
+                canvas, int(sx - canvas.size["width"] / 2), int(sy - canvas.size["height"] / 2)).perform()
+            wait_until(lambda: text in readout.text and readout.text.startswith("x %d y %d" % (x, y)), 10,
+                       "the readout of (%d, %d)" % (x, y))
         shoot(browser, "series_image3_pointer.png")
-
-        # Over the gap the readout says why.
-        sx, sy = (12.5 - left) / scale, (6.5 - top) / scale
-        ActionChains(browser).move_to_element_with_offset(
-            canvas, int(sx - canvas.size["width"] / 2), int(sy - canvas.size["height"] / 2)).perform()
-        wait_until(lambda: "(gap)" in readout.text, 10, "the gap's readout")
-
-        # The overlay: circles round the pixels of image 3 above 3450 (y * 37 + x * 3 > 450).
-        threshold = browser.find_element(By.ID, "threshold")
-        threshold.clear()
-        threshold.send_keys("3450", Keys.ENTER)
-        browser.find_element(By.ID, "overlay").click()
-        marked = """const c = document.getElementById('marks'), d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
-                    let n = 0; for (let i = 3; i < d.length; i += 4) n += d[i] > 0; return n;"""
-        wait_until(lambda: browser.execute_script(marked) > 0, 10, "circles drawn")
-        shoot(browser, "series_image3_circles.png")
-        browser.find_element(By.ID, "overlay").click()
-        wait_until(lambda: browser.execute_script(marked) == 0, 10, "circles gone")
 
         # Zoom in on the wheel: fewer frame pixels per screen pixel, still the library's colours.
         before = state(browser, "scale")
         browser.execute_script("""
             const c = document.getElementById('frame'), r = c.getBoundingClientRect();
-            c.dispatchEvent(new WheelEvent('wheel', {deltaY: -100, clientX: r.left + r.width / 2,
-                                                      clientY: r.top + r.height / 2, bubbles: true}));""")
+            for (let i = 0; i < 4; ++i)
+                c.dispatchEvent(new WheelEvent('wheel', {deltaY: -100, clientX: r.left + r.width / 2,
+                                                         clientY: r.top + r.height / 2, bubbles: true}));""")
         wait_until(lambda: state(browser, "scale") < before and not state(browser, "busy")
                    and not state(browser, "dirty"), 10, "the zoomed picture")
-        for _ in range(3):
-            browser.execute_script("""
-                const c = document.getElementById('frame'), r = c.getBoundingClientRect();
-                c.dispatchEvent(new WheelEvent('wheel', {deltaY: -100, clientX: r.left + r.width / 2,
-                                                          clientY: r.top + r.height / 2, bubbles: true}));""")
-        wait_until(lambda: not state(browser, "busy") and not state(browser, "dirty"), 10, "the zoomed picture")
         colours = canvas_colours(browser)
         assert (10, 3) in colours and (0, 0) not in colours
         for point, (page, library) in colours.items():
@@ -175,7 +144,6 @@ def test_live_stream_shows_new_frames(browser, tmp_path):
         first = wait_until(lambda: state(browser, "drawnFrames") >= 2 and state(browser, "sequence"), 20,
                            "two live images drawn")
         wait_until(lambda: state(browser, "sequence") >= first + 5, 20, "newer live images")
-        shoot(browser, "live_series1.png")
         # A second series is followed too.
         counts = wait_until(lambda: (state(browser, "counts") or {}).get("seriesEnded") and state(browser, "counts"),
                             30, "the end of the first series")
@@ -186,5 +154,4 @@ def test_live_stream_shows_new_frames(browser, tmp_path):
                          "the second series' end")
         assert end["received"] == end["displayed"] + end["skipped"] + end["waiting"]
         assert end["errors"] == 0
-        assert "series" in browser.find_element(By.ID, "liveSeries").text
         shoot(browser, "live_series2.png")

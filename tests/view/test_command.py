@@ -5,7 +5,6 @@ import os
 import signal
 import subprocess
 import sys
-import urllib.error
 import urllib.request
 
 import pytest
@@ -26,9 +25,6 @@ def test_serves_until_sigterm():
         assert v.url.startswith("http://127.0.0.1:") and v.url.endswith("/")
         with urllib.request.urlopen(v.url, timeout=10) as page:
             assert b"/view.js" in page.read()
-        with pytest.raises(urllib.error.HTTPError) as refused:
-            urllib.request.urlopen(v.url + "etc/passwd", timeout=10)
-        assert refused.value.code == 404
         v.process.send_signal(signal.SIGTERM)
         assert v.process.wait(timeout=10) == 0
 

@@ -50,7 +50,6 @@ class Program:
                 self.process.wait(timeout=10)
             except subprocess.TimeoutExpired:
                 self.process.kill()
-                self.process.wait()
         self.process.stdout.close()
 
     def __enter__(self):
@@ -91,13 +90,13 @@ class Simulator(Program):
         with urllib.request.urlopen(request, timeout=120) as reply:
             return reply.read()
 
-    def state(self):
+    def idle(self):
         with urllib.request.urlopen(self.url.rstrip("/") + "/detector/api/1.8.0/status/state", timeout=10) as r:
-            return json.loads(r.read())["value"]
+            return json.loads(r.read())["value"] == "idle"
 
     def series(self, images, frame_time):
         """Arms and triggers a series; returns at once, the images follow."""
-        wait_until(lambda: self.state() == "idle", 30, "the detector to be idle")
+        wait_until(self.idle, 30, "the detector to be idle")
         self.put("detector", "config", "frame_time", frame_time)
         self.put("detector", "config", "count_time", frame_time * 0.9)
         self.put("detector", "config", "nimages", images)
@@ -109,10 +108,9 @@ def chromium(width=1280, height=860):
     """Headless Chromium from Debian with a fresh profile; the caller quits it."""
     options = Options()
     options.binary_location = "/usr/bin/chromium"
-    for flag in CHROMIUM_FLAGS:
+    for flag in CHROMIUM_FLAGS + ["--user-data-dir=" + tempfile.mkdtemp(prefix="norvexa-view-chromium-"),
+                                  "--window-size=%d,%d" % (width, height)]:
         options.add_argument(flag)
-    options.add_argument("--user-data-dir=" + tempfile.mkdtemp(prefix="norvexa-view-chromium-"))
-    options.add_argument("--window-size=%d,%d" % (width, height))
     driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     driver.set_page_load_timeout(30)
     driver.set_script_timeout(30)
