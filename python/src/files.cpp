@@ -6,6 +6,7 @@
 #include "DImageWriter.h"
 #include "foundation/DException.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 #include <mutex>
@@ -72,12 +73,89 @@ public:
         return DImage(std::move(chunk.pixels), std::move(chunk.metadata));
     }
 
+    /// Images start..stop-1 as one array of shape (n, height, width), each decoded
+    /// straight into its slot, with the GIL released throughout. The block comes from the
+    /// library's cache of large blocks, so a worker reading block after block reuses its
+    /// memory instead of faulting in fresh pages.
+    py::array frames(const py::slice& range)
+    {
+        const py::object step = range.attr("step");
+        if (!step.is_none() && step.cast<long long>() != 1)
+            throw py::value_error("Series slices take consecutive images: the step must be 1");
+        const int low = first(), high = last() + 1;
+        const auto bound = [&](const py::object& value, int fallback) {
+            if (value.is_none())
+                return fallback;
+            const long long n = value.cast<long long>();
+            return static_cast<int>(std::min<long long>(std::max<long long>(n, low), high));
+        };
+        const int start = bound(range.attr("start"), low);
+        const int stop = std::max(start, bound(range.attr("stop"), high));
+
+        auto block = std::make_unique<imglib::DBasicImage>();
+        std::size_t frameBytes = 0;
+        {
+            py::gil_scoped_release release;
+            // The first image tells the frame, even for an empty range.
+            StoredChunk chunk = readStored(stop > start ? start : low);
+            const auto& shape = chunk.pixels.shape();
+            const unsigned long width = shape.at(0), height = shape.at(1);
+            const datatypes::Type type = chunk.pixels.type();
+            const unsigned long bits = chunk.pixels.typeBits();
+            *block = imglib::DBasicImage({width, height, static_cast<unsigned long>(stop - start)},
+                                         image::StdAllocator(), type, bits);
+            frameBytes = width * height * ((bits + 7) / 8);
+            for (int n = start; n < stop; ++n) {
+                if (n > start)
+                    chunk = readStored(n);
+                const auto& other = chunk.pixels.shape();
+                if (other.size() != 2 || other[0] != width || other[1] != height ||
+                    chunk.pixels.type() != type || chunk.pixels.typeBits() != bits)
+                    throw DBadParameterException(
+                        "Image " + std::to_string(n) + " of " + _path + " is " + describe(chunk.pixels) +
+                        ", unlike image " + std::to_string(start) + ": " + describe(*block, 2));
+                chunk.pixels.decodeInto(block->data() + (n - start) * frameBytes, frameBytes);
+            }
+        }
+        const auto& shape = block->shape();
+        const py::ssize_t width = shape[0], height = shape[1], count = shape[2];
+        const py::ssize_t size = static_cast<py::ssize_t>((block->typeBits() + 7) / 8);
+        const py::dtype dtype = dtypeOf(block->type(), block->typeBits());
+        if (count == 0)
+            return py::array(dtype, {count, height, width});
+        char* pointer = block->data();
+        py::capsule owner(block.get(), [](void* p) { delete static_cast<imglib::DBasicImage*>(p); });
+        block.release();
+        return py::array(dtype, {count, height, width}, {height * width * size, width * size, size}, pointer,
+                         owner);
+    }
+
     nexus::DNeXusTree header()
     {
         return call([](DImageSeries& s) { return s.neXus(); });
     }
 
 private:
+    /// The stored chunk of image n, read under the lock; the GIL is already released.
+    StoredChunk readStored(int n)
+    {
+        auto guard = lock();
+        if (!_series)
+            throw DRuntimeException("Image series " + _path + " is closed");
+        return _series->storedImage(static_cast<unsigned long>(n));
+    }
+
+    /// "100x50 of 32 bits", for the message on a frame unlike the others.
+    static std::string describe(const imglib::DBasicImage& pixels, std::size_t dims = 0)
+    {
+        const auto& shape = pixels.shape();
+        std::string text;
+        for (std::size_t i = 0; i < (dims ? dims : shape.size()); ++i)
+            text += (i ? "x" : "") + std::to_string(shape[i]);
+        return text + " " + datatypes::typeStr(pixels.type()) + " of " + std::to_string(pixels.typeBits()) +
+               " bits";
+    }
+
     std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(_hdf5 ? hdf5Mutex() : _mutex); }
 
     static unsigned long checked(long long number)
@@ -290,6 +368,18 @@ with its metadata and mask.
 
 Raises:
     norvexa.OutOfRangeException (an IndexError): a number outside the series.
+    norvexa.ImageCorruptedException: a chunk that does not decode.)doc")
+        .def("__getitem__", &Series::frames, py::arg("numbers"), R"doc(series[start:stop] -> numpy.ndarray
+
+Images start to stop - 1 (numbers, as for series[n]; None means the first or past the
+last, and the range is clipped to the series) as one array of shape
+(images, height, width) in the frames' dtype, without metadata. Each frame is decoded
+straight into its place; the GIL is released while it reads.
+
+Raises:
+    ValueError: a step other than 1.
+    norvexa.BadParameterException (a ValueError): a frame of another size or type than the
+        first of the range.
     norvexa.ImageCorruptedException: a chunk that does not decode.)doc")
         .def("stored", &Series::stored, py::arg("number"), R"doc(stored(number) -> StoredChunk
 

@@ -5,6 +5,7 @@
 #include "foundation/hdf5/DH5.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <set>
@@ -307,6 +308,33 @@ public:
         last = newLast;
         size = last + 1 - first;
         readTable.swap(newTable);
+        openData = DH5Data();
+        openPath.clear();
+    }
+
+    /// The dataset at `path`, kept open from one frame to the next: reopening it through an
+    /// external link opens its data file again and builds that file's metadata cache anew,
+    /// which costs as much as decoding a small frame.
+    DH5Data dataset(const std::string& path)
+    {
+        if (!openData.isOpen() || openPath != path) {
+            openData = file.dataset(path);
+            openPath = path;
+        }
+        return openData;
+    }
+
+    /// An all-zero mask of this size, one for every frame: copies share its block until
+    /// one of them is written, so a frame costs no mask of its own.
+    DImage zeroMask(unsigned long width, unsigned long height)
+    {
+        if (zeros.width() != static_cast<int>(width) || zeros.height() != static_cast<int>(height)) {
+            DBasicImage plain(width, height, image::StdAllocator(), datatypes::UINT, 32);
+            std::memset(plain.data(), 0, plain.usedBytes());
+            plain.allowSharing();
+            zeros = DImage(std::move(plain));
+        }
+        return zeros;
     }
 
     void updateIfUnread()
@@ -322,6 +350,9 @@ public:
     int last = 0;
     DImageOptionalData metadata;
     ReadTable readTable;
+    DH5Data openData;
+    std::string openPath;
+    DImage zeros;
     bool blocking = false;
     int timeout = -1;
 };
@@ -432,7 +463,7 @@ static Located locate(DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr)
         throw DOutOfRangeException("Image nr " + std::to_string(imgNr) + " is out of range");
     const MapStruct_t& where = entry->second;
 
-    DH5Data data = d.file.dataset(where.path);
+    DH5Data data = d.dataset(where.path);
     NORVEXA_ASSERT(imgNr >= where.imageNrLow && imgNr <= where.imageNrHigh,
                    "DHdf5Iterator::operator[]");
     const std::vector<unsigned long> dim = data.dim();
@@ -454,7 +485,7 @@ static Located locate(DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr)
     return {std::move(data), static_cast<unsigned long>(imgNr - where.imageNrLow), dim[2], dim[1], type};
 }
 
-static DImageOptionalData metadataOf(const DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr,
+static DImageOptionalData metadataOf(DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr,
                                      unsigned long width, unsigned long height)
 {
     DImageOptionalData metadata(d.metadata);
@@ -462,7 +493,7 @@ static DImageOptionalData metadataOf(const DHdf5Iterator::DHdf5IteratorPrivate& 
     metadata.setNeXusIndex(imgNr);
     const auto maskSize = metadata.pixelMaskSize();
     if (!maskSize || maskSize->first != width || maskSize->second != height)
-        metadata.set_pixel_mask(DImage(static_cast<int>(width), static_cast<int>(height), 0U));
+        metadata.set_pixel_mask(d.zeroMask(width, height));
     return metadata;
 }
 

@@ -149,6 +149,17 @@ TEST(Container, CompressedStateAndDecoding)
         Image received;
         received.setRawData(std::move(chunk), Image::Shape{37, 11}, UINT, 32, filter);
         EXPECT_EQ(received.filter(), filter);
+
+        // Into a slot of a caller's buffer, as a stack of frames is filled; the bytes
+        // around the slot stay as they were.
+        std::vector<char> stack(plain.usedBytes() + 2, '#');
+        received.decodeInto(stack.data() + 1, plain.usedBytes());
+        EXPECT_EQ(0, std::memcmp(stack.data() + 1, plain.cdata(), plain.usedBytes()));
+        EXPECT_EQ(stack.front(), '#');
+        EXPECT_EQ(stack.back(), '#');
+        EXPECT_THROW(received.decodeInto(stack.data(), plain.usedBytes() + 1), DBadParameterException);
+        EXPECT_THROW(plain.decodeInto(stack.data(), plain.usedBytes() - 4), DBadParameterException);
+
         received.setFilter(DCompression::FILTER_NONE, 0);
         expectSameContainer(received, plain);
 

@@ -78,6 +78,11 @@ def test_hdf5_series_matches_h5py(dtype, compression):
         assert (chunk.width, chunk.height, chunk.dtype) == (19, 13, np.dtype(dtype))
         np.testing.assert_array_equal(norvexa.Image(chunk).data, expected[3])
         assert norvexa.Image(chunk).metadata.count_time == pytest.approx(0.1)
+        # Slices take image numbers, across the data files, clipped like numpy's.
+        np.testing.assert_array_equal(series[2:5], expected[1:4])
+        np.testing.assert_array_equal(series[:], expected)
+        np.testing.assert_array_equal(series[4:99], expected[3:])
+        assert series[3:3].shape == (0, 13, 19) and series[3:3].dtype == expected.dtype
     np.testing.assert_array_equal(norvexa.read(master, 2).data, expected[2])
 
 
@@ -113,6 +118,10 @@ def test_series_errors_and_closing():
     for use in (lambda: series[1], lambda: len(series), lambda: series.first, lambda: list(series)):
         with pytest.raises(norvexa.RuntimeException, match=r"Image series .*int32_bslz4_master.h5 is closed"):
             use()
+    with pytest.raises(ValueError, match="the step must be 1"):
+        series[1:5:2]
+    with pytest.raises(norvexa.RuntimeException, match="is closed"):
+        series[1:3]
     series.close()  # closing twice is harmless
     with pytest.raises(norvexa.OutOfRangeException, match="Image index 5 out of range"):
         norvexa.read(DATA / "hdf5" / "int32_none_master.h5", 5)
@@ -184,9 +193,14 @@ def test_numbered_file_series(tmp_path):
     with norvexa.open(tmp_path / "run_00002.cbf") as series:
         assert (series.first, series.last, len(series)) == (1, 3, 3)
         assert [frame.data[0, 0] for frame in series] == [1, 2, 3]
+        np.testing.assert_array_equal(series[2:4][:, 0, 0], [2, 3])
         chunk = series.stored(3)
         assert chunk.compression == "none"
         with norvexa.Hdf5Writer(tmp_path / "from_cbf.h5", 0) as writer:
             writer.write(chunk)  # plain pixels: compressed by the writer
+    norvexa.write(norvexa.Image(np.zeros((5, 7), np.int32)), tmp_path / "run_00004.cbf")
+    with norvexa.open(tmp_path / "run_00001.cbf") as series, \
+            pytest.raises(norvexa.BadParameterException, match=r"Image 4 of .* is 7x5 .*unlike image 3: 6x5"):
+        series[3:5]
     with h5py.File(tmp_path / "from_cbf.h5", "r") as f:
         np.testing.assert_array_equal(f["/entry/data/data_000001"][0], np.full((5, 6), 3))

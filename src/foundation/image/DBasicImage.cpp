@@ -207,6 +207,20 @@ void DBasicImage<Allocator>::setRawData(Data data, Shape shape, datatypes::Type 
 }
 
 template <class Allocator>
+void DBasicImage<Allocator>::decodeInto(char* out, std::size_t outSize) const
+{
+    if (plainBytes() != outSize || (_filter == DCompression::FILTER_NONE && _data.size() != outSize))
+        throw DBadParameterException("Image sizes do not coincide");
+    if (_filter == DCompression::FILTER_NONE) {
+        if (outSize)
+            std::memcpy(out, _data.cdata(), outSize);
+        return;
+    }
+    refuseChunkOfAnotherSize(_filter, _data, _shape, _typeBits);
+    codec::decode(_filter, _data.cdata(), _data.size(), out, outSize);
+}
+
+template <class Allocator>
 void DBasicImage<Allocator>::setFilter(FILTER filter, int /*parameter*/)
 {
     if (filter == _filter)

@@ -138,6 +138,12 @@ public:
     /// (codec::headerProblem), raises DImageCorruptedException and changes nothing.
     void setRawData(Data data, Shape shape, datatypes::Type type, unsigned long typeBits,
                     FILTER filter);
+    /// Writes the plain pixels into `out`, which receives exactly `outSize` bytes: a copy
+    /// of a plain container, the decode of a compressed one, without a buffer of its own
+    /// (a stack of frames decodes each into its slot). DBadParameterException "Image sizes
+    /// do not coincide" when the plain size is not `outSize`; DImageCorruptedException when
+    /// the chunk does not decode to it.
+    void decodeInto(char* out, std::size_t outSize) const;
     /// See DBasicImageData::allowSharing.
     void allowSharing() noexcept { _data.allowSharing(); }
     /// Brings the buffer into the given form in place: FILTER_NONE decodes (a no-op on a

@@ -10,10 +10,15 @@ namespace image {
 
 namespace {
 
-// Sizes are rounded to 2 MiB so that frames of nearly the same size share cached blocks.
 constexpr std::size_t kHugePage = std::size_t(2) << 20;
 
-std::size_t rounded(std::size_t bytes) { return (bytes + kHugePage - 1) / kHugePage * kHugePage; }
+// Sizes are rounded so that blocks of nearly the same size share cached blocks; the finer
+// step below 8 MiB keeps a chunk of a megabyte or two from taking twice its size.
+std::size_t rounded(std::size_t bytes)
+{
+    const std::size_t step = bytes < (std::size_t(8) << 20) ? std::size_t(1) << 20 : kHugePage;
+    return (bytes + step - 1) / step * step;
+}
 
 struct Cache {
     std::mutex mutex;

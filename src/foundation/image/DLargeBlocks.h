@@ -8,13 +8,15 @@ namespace image {
 /// Heap blocks for whole frames. A fresh block of tens of megabytes costs more in page
 /// faults than the copy that fills it, so a few freed blocks are kept for the next frame
 /// of the same size (a series of frames allocates the same sizes again and again).
-/// Blocks are 2 MiB aligned and sized. At most kCacheBlocks blocks and kCacheBytes bytes
+/// That includes a frame's compressed chunk, a few megabytes whose size varies a little
+/// from frame to frame: blocks are sized in whole MiB below 8 MiB and in 2 MiB above, so
+/// that such neighbours share one cached block. Blocks are 2 MiB aligned. At most kCacheBlocks blocks and kCacheBytes bytes
 /// are kept; the cache is thread-safe. (Transparent huge pages were tried and left out:
 /// with the kernel's compaction on demand a first touch stalled up to four times longer.)
 class DLargeBlocks {
 public:
     /// Blocks from this size up are large.
-    static constexpr std::size_t kThreshold = std::size_t(4) << 20;
+    static constexpr std::size_t kThreshold = std::size_t(1) << 20;
     static constexpr std::size_t kCacheBlocks = 8;
     static constexpr std::size_t kCacheBytes = std::size_t(1) << 30;
 
