@@ -4,9 +4,11 @@
 #include "common/DetectorFrames.h"
 
 #include "DImage.h"
+#include "image/kernels/PixelMath.h"
 
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <cstring>
 #include <memory>
 
@@ -115,6 +117,33 @@ BENCHMARK_TEMPLATE(BM_TimesFactorImageInPlace, int)->Arg(0)->Arg(1)->ArgNames({"
 BENCHMARK_TEMPLATE(BM_TimesFactorImageInPlace, unsigned int)->Arg(0)->Arg(1)->ArgNames({"16M"})->Unit(benchmark::kMillisecond);
 BENCHMARK_TEMPLATE(BM_TimesFactorImageInPlace, unsigned short)->Arg(0)->Arg(1)->ArgNames({"16M"})->Unit(benchmark::kMillisecond);
 BENCHMARK_TEMPLATE(BM_TimesFactorImageInPlace, float)->Arg(0)->Arg(1)->ArgNames({"16M"})->Unit(benchmark::kMillisecond);
+
+// What exact rounding costs: a frame of doubles (counts times factors near 1) stored into
+// 32-bit integers by the library's rule, beside the former trunc(v + copysign(0.5, v)),
+// which is wrong for 0.49999999999999994 and for odd values in [2^52, 2^53).
+template <bool exact>
+static void BM_RoundFrameToInt32(benchmark::State& state)
+{
+    const Layout layout = layoutOf(state);
+    const DImage counts = frameOf<int>(layout).asType<double>();
+    const DImage factors = factorsOf(layout);
+    const DImage values = counts * factors;
+    const double* in = reinterpret_cast<const double*>(values.cdata());
+    std::unique_ptr<int[]> out(new int[values.size()]);
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            if constexpr (exact)
+                out[i] = norvexa::kernels::roundToInteger<int>(in[i]);
+            else
+                out[i] = norvexa::kernels::truncateToInteger<int>(std::trunc(in[i] + std::copysign(0.5, in[i])));
+        }
+        benchmark::DoNotOptimize(out.get());
+        benchmark::ClobberMemory();
+    }
+    setBytes(state, values.size() * sizeof(int));
+}
+BENCHMARK_TEMPLATE(BM_RoundFrameToInt32, true)->Arg(0)->Arg(1)->ArgNames({"16M"})->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_RoundFrameToInt32, false)->Arg(0)->Arg(1)->ArgNames({"16M"})->Unit(benchmark::kMillisecond);
 
 static void BM_AddImages(benchmark::State& state)
 {
