@@ -22,7 +22,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -70,11 +69,8 @@ double brightestValid(const DImage& frame, const DImage& mask, double fallback)
 
 const DColorTable& tableOf(const std::string& name)
 {
-    static const std::map<std::string, const DColorTable*> tables = {
-        {"hdr", &DColorTable::hdr()}, {"grey", &DColorTable::grey()},
-        {"heat", &DColorTable::heat()}, {"rainbow", &DColorTable::rainbow()}};
     const bool reversed = name.size() > 9 && name.compare(name.size() - 9, 9, "-reversed") == 0;
-    const DColorTable& table = *tables.at(reversed ? name.substr(0, name.size() - 9) : name);
+    const DColorTable& table = *DColorTable::byName(reversed ? name.substr(0, name.size() - 9) : name);
     return reversed ? *table.inverseTable() : table;
 }
 

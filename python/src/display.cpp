@@ -24,16 +24,8 @@ namespace {
 
 const DColorTable& tableOf(const std::string& name, bool reverse)
 {
-    const DColorTable* table = nullptr;
-    if (name == "hdr")
-        table = &DColorTable::hdr();
-    else if (name == "grey" || name == "gray")
-        table = &DColorTable::grey();
-    else if (name == "heat")
-        table = &DColorTable::heat();
-    else if (name == "rainbow")
-        table = &DColorTable::rainbow();
-    else
+    const DColorTable* table = DColorTable::byName(name);
+    if (!table)
         throw DBadParameterException("Unknown colour table \"" + name +
                                      "\": use \"hdr\", \"grey\", \"heat\" or \"rainbow\"");
     return reverse ? *table->inverseTable() : *table;

@@ -221,5 +221,18 @@ const DColorTable& DColorTable::grey() { return staticTables().grey; }
 const DColorTable& DColorTable::heat() { return staticTables().heat; }
 const DColorTable& DColorTable::rainbow() { return staticTables().rainbow; }
 
+const DColorTable* DColorTable::byName(const std::string& name)
+{
+    if (name == "hdr")
+        return &hdr();
+    if (name == "grey" || name == "gray")
+        return &grey();
+    if (name == "heat")
+        return &heat();
+    if (name == "rainbow")
+        return &rainbow();
+    return nullptr;
+}
+
 } // namespace imglib
 } // namespace norvexa

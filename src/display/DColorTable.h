@@ -58,6 +58,9 @@ public:
     /// "Rainbow": 2801 hues from red (0 degrees) to violet (280 degrees), a tenth of a
     /// degree apart; black for defective and white for saturated pixels.
     static const DColorTable& rainbow();
+    /// The table of a short name, as the tool, the viewer and the Python package take it:
+    /// "hdr", "grey" (or "gray"), "heat", "rainbow"; null for any other.
+    static const DColorTable* byName(const std::string& name);
 
 private:
     /// Builds the reversed twin and takes ownership of it.

@@ -78,15 +78,10 @@ bool flag(const httplib::Request& req, const char* name) { return integer(req, n
 
 const DColorTable& tableOf(const httplib::Request& req)
 {
-    static const std::map<std::string, const DColorTable*> tables{{"hdr", &DColorTable::hdr()},
-                                                                   {"grey", &DColorTable::grey()},
-                                                                   {"heat", &DColorTable::heat()},
-                                                                   {"rainbow", &DColorTable::rainbow()}};
-    const std::string name = req.has_param("table") ? req.get_param_value("table") : "hdr";
-    const auto found = tables.find(name);
-    if (found == tables.end())
+    const DColorTable* table = DColorTable::byName(req.has_param("table") ? req.get_param_value("table") : "hdr");
+    if (!table)
         throw BadRequest("Unknown colour table");
-    return flag(req, "reverse") ? *found->second->inverseTable() : *found->second;
+    return flag(req, "reverse") ? *table->inverseTable() : *table;
 }
 
 /// The limits asked for; the frame's automatic ones for those not given.
