@@ -34,23 +34,6 @@ std::string number(double value)
     return text;
 }
 
-/// The brightest pixel that the mask leaves valid, or `fallback` if none is above it.
-double brightestValid(const DImage& frame, double fallback)
-{
-    const DImage values = frame.asType<double>();
-    const auto* v = reinterpret_cast<const double*>(values.cdata());
-    auto mask = frame.optionalData().pixel_mask();
-    if (mask && (mask->width() != frame.width() || mask->height() != frame.height()))
-        mask.reset();
-    const DImage flags = mask ? mask->asType<long long>() : DImage();
-    const auto* m = reinterpret_cast<const long long*>(flags.cdata());
-    double brightest = fallback;
-    for (std::size_t i = 0; i < values.size(); ++i)
-        if (!m || m[i] == 0)
-            brightest = std::max(brightest, v[i]);
-    return brightest;
-}
-
 } // namespace
 
 std::string writeDemoPicture(const DImage& frame, const std::string& pngPath)
@@ -58,7 +41,7 @@ std::string writeDemoPicture(const DImage& frame, const std::string& pngPath)
     double high = 1, low = 0;
     // Eight deviations: the background light and even, the spots above it in the heat colours.
     DContrast(8, 100000)(high, low, frame, nullptr);
-    const double logHigh = brightestValid(frame, high * 10);
+    const double logHigh = norvexa::cli::brightestValid(frame, frame.optionalData().pixel_mask().get_ptr(), high * 10);
     const auto saturation = frame.optionalData().saturation_value();
 
     // The library reads the rectangle as given, unclipped: this one is the frame itself.

@@ -142,6 +142,21 @@ FramePicture framePicture(const DImage& colours, const DColorTable& table, doubl
     return picture;
 }
 
+double brightestValid(const imglib::DImage& frame, const imglib::DImage* mask, double fallback)
+{
+    if (mask && (mask->width() != frame.width() || mask->height() != frame.height()))
+        mask = nullptr;
+    const imglib::DImage values = frame.asType<double>();
+    const imglib::DImage flags = mask ? mask->asType<long long>() : imglib::DImage();
+    const auto* v = reinterpret_cast<const double*>(values.cdata());
+    const auto* m = reinterpret_cast<const long long*>(flags.cdata());
+    double brightest = fallback;
+    for (std::size_t i = 0; i < values.size(); ++i)
+        if (!m || m[i] == 0)
+            brightest = std::max(brightest, v[i]);
+    return brightest;
+}
+
 bool writePng(const FramePicture& picture, const std::string& path)
 {
     FILE* file = std::fopen(path.c_str(), "wb");

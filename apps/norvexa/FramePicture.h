@@ -23,6 +23,11 @@ struct FramePicture {
 FramePicture framePicture(const imglib::DImage& colours, const imglib::DColorTable& table, double high,
                           double low, double logHigh, bool legend);
 
+/// The top of the hdr table's logarithmic section: the brightest pixel that `mask` (any
+/// integer type; non-zero excludes) leaves valid, or `fallback` when none is above it. A
+/// null mask, or one of another size, excludes nothing.
+double brightestValid(const imglib::DImage& frame, const imglib::DImage* mask, double fallback);
+
 /// Writes `picture` as PNG; false when anything failed, a full disk included.
 bool writePng(const FramePicture& picture, const std::string& path);
 

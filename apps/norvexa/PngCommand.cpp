@@ -53,20 +53,6 @@ void binByMaximum(DImage& frame, DImage& mask, int factor)
     frame = std::move(binned);
 }
 
-/// The brightest valid pixel, or `fallback` when none is above it.
-double brightestValid(const DImage& frame, const DImage& mask, double fallback)
-{
-    const DImage values = frame.asType<double>();
-    const DImage flags = mask.asType<unsigned int>();
-    const auto* v = reinterpret_cast<const double*>(values.cdata());
-    const auto* m = reinterpret_cast<const unsigned int*>(flags.cdata());
-    double brightest = fallback;
-    for (std::size_t i = 0; i < values.size(); ++i)
-        if (!m[i])
-            brightest = std::max(brightest, v[i]);
-    return brightest;
-}
-
 const DColorTable& tableOf(const std::string& name)
 {
     const bool reversed = name.size() > 9 && name.compare(name.size() - 9, 9, "-reversed") == 0;
@@ -93,7 +79,7 @@ void picture(const PngOptions& o)
         high = o.high;
     if (high <= low)
         throw usageError("--high must be above --low (" + number(high) + " <= " + number(low) + ")");
-    const double logHigh = std::isnan(o.logHigh) ? brightestValid(frame, mask, high * 10) : o.logHigh;
+    const double logHigh = std::isnan(o.logHigh) ? brightestValid(frame, &mask, high * 10) : o.logHigh;
     const DColorTable& table = tableOf(o.table);
     const auto saturation = frame.optionalData().saturation_value();
 
