@@ -200,3 +200,13 @@ def test_copy_of_a_file_series_and_its_refusals(client, tmp_path, cbf_series):
     assert frames.chunks[0] == (4, 3, 4, 3)
     with pytest.raises(ValueError, match=r"chunks of one size but the last, not \(4, 3, 4, 3\)"):
         norvexa.dask.to_hdf5(frames, tmp_path / "x.h5")
+
+
+def test_transfers_go_uncompressed_unless_chosen(client):
+    """Dask's "auto" compression is turned off, in the client and in every worker that ran a
+    task of the module; an explicit choice is kept."""
+    assert dask.config.get("distributed.comm.compression") is False
+    assert set(client.run(lambda: dask.config.get("distributed.comm.compression")).values()) == {False}
+    with dask.config.set({"distributed.comm.compression": "lz4"}):
+        norvexa.dask._plain_transfers()
+        assert dask.config.get("distributed.comm.compression") == "lz4"
