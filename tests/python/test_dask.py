@@ -8,6 +8,8 @@ import os
 import pathlib
 import pickle
 import re
+import subprocess
+import sys
 
 os.environ.setdefault("HDF5_PLUGIN_PATH", "/usr/lib/x86_64-linux-gnu/hdf5/serial/plugins")
 
@@ -116,11 +118,12 @@ def test_reductions_match_a_sequential_loop(client, tmp_path, master, cbf_series
 @pytest.mark.parametrize("frames, frame_bytes, per_file, chunks", [
     (40, 200, 10, (10,) * 4),                 # one file a chunk
     (45, 100, 10, (20, 20, 5)),               # two files a chunk; a short last file
-    (40, 300, 10, (5,) * 8),                  # a divisor of the file near the size
-    (14, 300, 7, (4, 3, 4, 3)),               # no divisor near it: even parts of each file
-    (5, 5000, 10, (1,) * 5),                  # frames above the size: one each
+    (60, 150, 30, (15,) * 4),                 # the divisor of the file at or above the size
+    (74, 200, 37, (13, 12, 12) * 2),          # no divisor near it: even parts of each file
+    (20, 5000, 10, (10, 10)),                 # frames above the size: still 8 or more a chunk
     (23, 100, 1, (20, 3)),                    # a file series
     (23, 100, None, (20, 3)),                 # an HDF5 layout the header doesn't tell
+    (20, 1000, None, (8, 8, 4)),
 ])
 def test_automatic_chunks_follow_the_data_files(frames, frame_bytes, per_file, chunks):
     with dask.config.set({"array.chunk-size": "2000B"}):
@@ -193,18 +196,22 @@ def test_copy_of_a_file_series_and_its_refusals(client, tmp_path, cbf_series):
         np.testing.assert_array_equal(got, np.stack([image.data for image in series]))
     with pytest.raises(ValueError, match="stored=True"):
         norvexa.dask.to_hdf5(frames[2:], tmp_path / "x.h5")
-    # Files of 7 frames in even parts of 4 and 3: no data file size fits them all.
-    uneven = write_master(tmp_path / "uneven_master.h5", frames=14, per_file=7)
-    with dask.config.set({"array.chunk-size": f"{HEIGHT * WIDTH * 4 * 4}B"}):
+    # Files of 19 frames in even parts of 10 and 9: no data file size fits them all.
+    uneven = write_master(tmp_path / "uneven_master.h5", frames=38, per_file=19)
+    with dask.config.set({"array.chunk-size": f"{HEIGHT * WIDTH * 4 * 8}B"}):
         frames = norvexa.dask.from_series(uneven, stored=True)
-    assert frames.chunks[0] == (4, 3, 4, 3)
-    with pytest.raises(ValueError, match=r"chunks of one size but the last, not \(4, 3, 4, 3\)"):
+    assert frames.chunks[0] == (10, 9, 10, 9)
+    with pytest.raises(ValueError, match=r"chunks of one size but the last, not \(10, 9, 10, 9\)"):
         norvexa.dask.to_hdf5(frames, tmp_path / "x.h5")
 
 
 def test_transfers_go_uncompressed_unless_chosen(client):
     """Dask's "auto" compression is turned off, in the client and in every worker that ran a
-    task of the module; an explicit choice is kept."""
+    task of the module, also when distributed is imported after the module; an explicit
+    choice is kept."""
+    script = "import dask, norvexa.dask, distributed; print(dask.config.get('distributed.comm.compression'))"
+    assert subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, check=True,
+                          env=dict(os.environ, PYTHONWARNINGS="ignore")).stdout.split() == ["False"]
     assert dask.config.get("distributed.comm.compression") is False
     assert set(client.run(lambda: dask.config.get("distributed.comm.compression")).values()) == {False}
     with dask.config.set({"distributed.comm.compression": "lz4"}):
