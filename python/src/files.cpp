@@ -344,6 +344,7 @@ A sequence of images: an HDF5 master file with its data files, or numbered CBF, 
 EDF files. Made by norvexa.open(path); use it as a context manager.
 
 series[n] is the image of number n (from series.first to series.last), decoded;
+series[start:stop] is images start to stop - 1 as one (n, height, width) array;
 len(series) is the number of images; iterating yields the images in order;
 series.stored(n) is the stored chunk, not decoded. After close() (or the end of its
 with block) every use raises norvexa.RuntimeException "Image series <path> is closed".)doc")
