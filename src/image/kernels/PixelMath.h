@@ -122,14 +122,22 @@ inline T truncateToInteger(double v)
 }
 
 /// Floating to integer, rounded to the nearest with halves away from zero, saturated, NaN
-/// as 0. Exact for every double: the fraction v - trunc(v) is computed without rounding,
+/// as 0. Exact for every double: the fraction v - whole is computed without rounding,
 /// where adding 0.5 would round (0.49999999999999994 + 0.5 is 1, and odd values in
-/// [2^52, 2^53) move by one).
+/// [2^52, 2^53) move by one). Below 2^52 the whole part fits a long long, which the
+/// compiler truncates in registers (std::trunc is a library call without SSE4.1); from
+/// 2^52 up every double is an integer already, and NaN and the infinities go straight to
+/// the saturation.
 template <class T>
 inline T roundToInteger(double v)
 {
-    const double whole = std::trunc(v);
-    return truncateToInteger<T>(std::fabs(v - whole) >= 0.5 ? whole + std::copysign(1.0, v) : whole);
+    if (std::fabs(v) < 4503599627370496.0) {
+        const long long whole = static_cast<long long>(v);
+        const double fraction = v - static_cast<double>(whole);
+        const long long rounded = whole + (fraction >= 0.5) - (fraction <= -0.5);
+        return truncateToInteger<T>(static_cast<double>(rounded));
+    }
+    return truncateToInteger<T>(v);
 }
 
 /// Stores a computed value into the result type: integers saturate, floating values are
