@@ -64,7 +64,8 @@ public:
     /// with filters (their content may decode to many times its stored size), compact,
     /// external and virtual storage. Queries only, no data is read; a chunked slice costs
     /// one index lookup per chunk it touches, as its read does, or, past 4096 chunks, a
-    /// walk of the stored chunks where at most 1024 are stored.
+    /// walk of the stored chunks where at most 1024 are stored. A slice outside the
+    /// dimensions raises DBadParameterException.
     bool sliceInFile(const std::vector<unsigned long>& start, const std::vector<unsigned long>& count) const;
     /// Reads the stored bytes of the chunk at `offset`, as they lie in the file (the
     /// filters not undone).
