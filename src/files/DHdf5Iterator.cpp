@@ -441,6 +441,7 @@ namespace {
 /// Where image `imgNr` lies: its dataset, its frame in that dataset, its shape and type.
 struct Located {
     DH5Data data;
+    std::string path;
     unsigned long frame;
     unsigned long width, height;
     datatypes::Type type;
@@ -482,7 +483,7 @@ static Located locate(DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr)
     }
     if (type == datatypes::NONE)
         throw DImageCorruptedException("Unknown datatype");
-    return {std::move(data), static_cast<unsigned long>(imgNr - where.imageNrLow), dim[2], dim[1], type};
+    return {std::move(data), where.path, static_cast<unsigned long>(imgNr - where.imageNrLow), dim[2], dim[1], type};
 }
 
 static DImageOptionalData metadataOf(DHdf5Iterator::DHdf5IteratorPrivate& d, int imgNr,
@@ -499,6 +500,10 @@ static DImageOptionalData metadataOf(DHdf5Iterator::DHdf5IteratorPrivate& d, int
 
 static image::DBasicImage<StdAllocator> decodedPixels(const Located& at)
 {
+    // Plain content must be in the file before its frame takes memory: a few hundred bytes
+    // may declare a frame of gigabytes.
+    if (!at.data.sliceInFile({at.frame, 0, 0}, {1, at.height, at.width}))
+        throw DImageCorruptedException("Data of HDF5 dataset " + at.path + " is not in the file");
     image::DBasicImage<StdAllocator> pixels(at.width, at.height, StdAllocator(), at.type, at.data.dataSize() * 8);
     at.data.readSlice(pixels.data(), {at.frame, 0, 0}, {1, at.height, at.width});
     return pixels;
@@ -515,7 +520,9 @@ DImage DHdf5Iterator::operator[](int imgNr) const
 DHdf5Iterator::StoredImage DHdf5Iterator::storedImage(int imgNr) const
 {
     const Located at = locate(*_d, imgNr);
-    StoredImage result{image::DBasicImage<StdAllocator>(), metadataOf(*_d, imgNr, at.width, at.height)};
+    // The pixels before the metadata: the frame-sized zero mask takes memory only for a
+    // frame that was found in the file.
+    StoredImage result{image::DBasicImage<StdAllocator>(), DImageOptionalData()};
     image::DCompression::FILTER filter = image::DCompression::FILTER_NONE;
     try {
         filter = at.data.filter();
@@ -528,16 +535,19 @@ DHdf5Iterator::StoredImage DHdf5Iterator::storedImage(int imgNr) const
     const unsigned long size = oneFrameAChunk && filter != image::DCompression::FILTER_NONE
                                    ? at.data.rawChunkSize({at.frame, 0, 0})
                                    : 0;
+    bool stored = false;
     if (size > 0) {
         image::DBasicImageData<StdAllocator> bytes;
         bytes.resize(size);
         if (at.data.readRawChunk({at.frame, 0, 0}, bytes.data(), size) == 0) {
             result.pixels.setRawData(std::move(bytes), {at.width, at.height}, at.type, at.data.dataSize() * 8,
                                      filter);
-            return result;
+            stored = true;
         }
     }
-    result.pixels = decodedPixels(at);
+    if (!stored)
+        result.pixels = decodedPixels(at);
+    result.metadata = metadataOf(*_d, imgNr, at.width, at.height);
     return result;
 }
 

@@ -56,7 +56,10 @@ public:
     /// once, then raises DOutOfRangeException "Image number <n> out of range". A frame
     /// stored as one chunk in the LZ4 or bitshuffle/LZ4 form is decoded by the library
     /// itself, whatever filter plugins are installed; a chunk that does not decode raises
-    /// DImageCorruptedException.
+    /// DImageCorruptedException. A frame of a dataset without filters whose stored bytes
+    /// run past the end of their file (a truncated or hostile file) raises
+    /// DImageCorruptedException "Data of HDF5 dataset <path> is not in the file" before
+    /// memory is taken for it; chunks or storage never written read as the fill value.
     DImage operator[](int imgNr) const override;
     /// Image `imgNr` as it is stored, not decoded: its chunk in the FILTER_* form of the
     /// dataset's filter, read by a direct chunk read, with the metadata operator[] gives.

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include <hdf5.h>
+#include <sys/resource.h>
 
 using namespace norvexa;
 using namespace norvexa::imglib;
@@ -352,4 +353,190 @@ TEST(Hdf5Iterator, AnUnreadableHeaderDatasetIsReportedAndLeftOut)
     int value = 0;
     tree.at("/entry/good").asData().asType(value, 1);
     EXPECT_EQ(value, 7);
+}
+
+namespace {
+
+long peakKilobytes()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// A master with one image dataset, of unsigned 32-bit frames, made with the creation list
+// `dcpl`, in the master or, linked, as "/data" of `dataFile` beside it; `fill` writes what
+// the case needs and may leave data unwritten.
+template <class Fill>
+void writePlainMaster(const std::string& path, const std::vector<hsize_t>& dims, hid_t dcpl, Fill fill,
+                      const std::string& dataFile = "")
+{
+    // The metadata in one block at the front, before any data.
+    const hid_t fapl = H5Pcreate(H5P_FILE_ACCESS);
+    H5Pset_meta_block_size(fapl, 1 << 20);
+    const hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, fapl);
+    const hid_t holder = dataFile.empty() ? file
+                                          : H5Fcreate((fs::path(path).parent_path() / dataFile).c_str(),
+                                                      H5F_ACC_TRUNC, H5P_DEFAULT, fapl);
+    H5Pclose(fapl);
+    const hid_t lcpl = H5Pcreate(H5P_LINK_CREATE);
+    H5Pset_create_intermediate_group(lcpl, 1);
+    const hid_t group = H5Gcreate2(file, "/entry/data", lcpl, H5P_DEFAULT, H5P_DEFAULT);
+    const hid_t text = H5Tcopy(H5T_C_S1);
+    H5Tset_size(text, 6);
+    const hid_t scalar = H5Screate(H5S_SCALAR);
+    const hid_t nxClass = H5Acreate2(group, "NX_class", text, scalar, H5P_DEFAULT, H5P_DEFAULT);
+    H5Awrite(nxClass, text, "NXdata");
+    const hid_t space = H5Screate_simple(3, dims.data(), nullptr);
+    const hid_t data = dataFile.empty()
+                           ? H5Dcreate2(group, "data_000001", H5T_STD_U32LE, space, H5P_DEFAULT, dcpl, H5P_DEFAULT)
+                           : H5Dcreate2(holder, "data", H5T_STD_U32LE, space, H5P_DEFAULT, dcpl, H5P_DEFAULT);
+    if (!dataFile.empty())
+        H5Lcreate_external(dataFile.c_str(), "/data", group, "data_000001", H5P_DEFAULT, H5P_DEFAULT);
+    const int numbers[] = {1, static_cast<int>(dims[0])};
+    for (int i = 0; i < 2; ++i) {
+        const hid_t number = H5Acreate2(data, i == 0 ? "image_nr_low" : "image_nr_high", H5T_STD_I32LE, scalar,
+                                        H5P_DEFAULT, H5P_DEFAULT);
+        H5Awrite(number, H5T_NATIVE_INT, &numbers[i]);
+        H5Aclose(number);
+    }
+    fill(data);
+    H5Dclose(data);
+    H5Aclose(nxClass);
+    H5Sclose(space);
+    H5Sclose(scalar);
+    H5Tclose(text);
+    H5Gclose(group);
+    H5Pclose(lcpl);
+    if (holder != file)
+        H5Fclose(holder);
+    H5Fclose(file);
+}
+
+// Writes `value` into the block of frame `frame` at (y, x) of extent h x w.
+void writeBlock(hid_t data, hsize_t frame, hsize_t y, hsize_t x, hsize_t h, hsize_t w, unsigned value)
+{
+    const std::vector<unsigned> values(h * w, value);
+    const hsize_t start[] = {frame, y, x}, count[] = {1, h, w};
+    const hid_t file = H5Dget_space(data);
+    H5Sselect_hyperslab(file, H5S_SELECT_SET, start, nullptr, count, nullptr);
+    const hid_t memory = H5Screate_simple(3, count, nullptr);
+    H5Dwrite(data, H5T_NATIVE_UINT, memory, file, H5P_DEFAULT, values.data());
+    H5Sclose(memory);
+    H5Sclose(file);
+}
+
+hid_t plainCreation(const std::vector<hsize_t>& chunk, unsigned fill, H5D_alloc_time_t allocation)
+{
+    const hid_t dcpl = H5Pcreate(H5P_DATASET_CREATE);
+    if (!chunk.empty())
+        H5Pset_chunk(dcpl, 3, chunk.data());
+    H5Pset_fill_value(dcpl, H5T_NATIVE_UINT, &fill);
+    H5Pset_alloc_time(dcpl, allocation);
+    return dcpl;
+}
+
+} // namespace
+
+TEST(Hdf5Iterator, PlainDataMustBeInTheFileBeforeItTakesMemory)
+{
+    norvexa_test::TempDir dir;
+    const std::string path = (dir.path() / "plain_master.h5").string();
+    const std::string notInFile = "Data of HDF5 dataset /entry/data/data_000001 is not in the file";
+    hdf5::DH5DontPrint quiet;
+    // A frame of 256 MiB in four chunks, and one of 16 GiB in a million, found through
+    // the few chunks stored. One chunk holds 64 bytes where its plain form needs 64 MiB or
+    // 16 KiB, so it runs past the end of the file.
+    for (const hsize_t side : {8192, 65536}) {
+        SCOPED_TRACE(side);
+        const hsize_t chunk = side == 8192 ? 4096 : 64;
+        const hid_t dcpl = plainCreation({1, chunk, chunk}, 0, H5D_ALLOC_TIME_INCR);
+        writePlainMaster(path, {1, side, side}, dcpl, [&](hid_t data) {
+            const std::vector<char> bytes(64, 1);
+            const hsize_t offset[] = {0, side / 2, side / 2};
+            H5Dwrite_chunk(data, H5P_DEFAULT, 0, offset, bytes.size(), bytes.data());
+        });
+        H5Pclose(dcpl);
+        const long before = peakKilobytes();
+        DHdf5Iterator series(path);
+        EXPECT_THROW_MSG(series[1], DImageCorruptedException, notInFile);
+        EXPECT_THROW_MSG(series.storedImage(1), DImageCorruptedException, notInFile);
+        EXPECT_LT(peakKilobytes() - before, 64 * 1024);
+    }
+    {
+        // Contiguous storage that the file's end cuts through: the data file of a series
+        // whose writer stopped, its end of allocation moved to the bytes present so that
+        // HDF5 opens it. The master, far shorter, is not the file that counts.
+        const hid_t dcpl = plainCreation({}, 0, H5D_ALLOC_TIME_EARLY);
+        H5Pset_fill_time(dcpl, H5D_FILL_TIME_NEVER);
+        haddr_t offset = 0;
+        writePlainMaster(
+            path, {4, 2048, 2048}, dcpl,
+            [&](hid_t data) {
+                writeBlock(data, 0, 0, 0, 2048, 2048, 9);
+                offset = H5Dget_offset(data);
+            },
+            "plain_data_000001.h5");
+        H5Pclose(dcpl);
+        const fs::path dataFile = dir.path() / "plain_data_000001.h5";
+        const std::uint64_t end = offset + 2 * 2048 * 2048 * 4 - 100;
+        fs::resize_file(dataFile, end);
+        {
+            // The superblock (version 0) keeps the end address at byte 40.
+            std::fstream patch(dataFile, std::ios::in | std::ios::out | std::ios::binary);
+            patch.seekp(40);
+            patch.write(reinterpret_cast<const char*>(&end), 8);
+        }
+        const long before = peakKilobytes();
+        DHdf5Iterator series(path);
+        const DImage first = series[1];
+        EXPECT_EQ(first.pixel<unsigned>(0, 0, 0U) + first.pixel<unsigned>(2047, 2047, 0U), 18u);
+        EXPECT_THROW_MSG(series[2], DImageCorruptedException, notInFile);
+        EXPECT_THROW_MSG(series[4], DImageCorruptedException, notInFile);
+        EXPECT_LT(peakKilobytes() - before, 40 * 1024);
+    }
+}
+
+TEST(Hdf5Iterator, PlainDataNeverWrittenReadsAsTheFillValue)
+{
+    norvexa_test::TempDir dir;
+    const std::string path = (dir.path() / "sparse_master.h5").string();
+    const auto expectFrame = [&](const DImage& image, auto value, int width = 48, int height = 64) {
+        ASSERT_EQ(std::make_pair(image.width(), image.height()), std::make_pair(width, height));
+        int wrong = 0;
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x)
+                wrong += image.pixel<unsigned>(x, y, 0U) != value(x, y);
+        }
+        EXPECT_EQ(wrong, 0);
+    };
+    {
+        // Chunks of 32 x 16: frame 1 whole, frame 2 one block of chunks, frame 3 none.
+        const hid_t dcpl = plainCreation({1, 32, 16}, 7, H5D_ALLOC_TIME_INCR);
+        writePlainMaster(path, {3, 64, 48}, dcpl, [](hid_t data) {
+            writeBlock(data, 0, 0, 0, 64, 48, 1);
+            writeBlock(data, 1, 32, 16, 32, 32, 2);
+        });
+        H5Pclose(dcpl);
+        DHdf5Iterator series(path);
+        expectFrame(series[1], [](int, int) { return 1u; });
+        expectFrame(series[2], [](int x, int y) { return y >= 32 && x >= 16 ? 2u : 7u; });
+        expectFrame(series[3], [](int, int) { return 7u; });
+    }
+    {
+        // Single-element chunks, more than are looked up one by one, few of them stored.
+        const hid_t dcpl = plainCreation({1, 1, 1}, 7, H5D_ALLOC_TIME_INCR);
+        writePlainMaster(path, {1, 128, 64}, dcpl, [](hid_t data) { writeBlock(data, 0, 8, 8, 16, 16, 3); });
+        H5Pclose(dcpl);
+        DHdf5Iterator series(path);
+        expectFrame(series[1], [](int x, int y) { return x >= 8 && x < 24 && y >= 8 && y < 24 ? 3u : 7u; }, 64, 128);
+    }
+    {
+        // Contiguous storage never allocated.
+        const hid_t dcpl = plainCreation({}, 5, H5D_ALLOC_TIME_LATE);
+        writePlainMaster(path, {2, 64, 48}, dcpl, [](hid_t) {});
+        H5Pclose(dcpl);
+        DHdf5Iterator series(path);
+        expectFrame(series[2], [](int, int) { return 5u; });
+    }
 }

@@ -410,3 +410,28 @@ TEST(H5Layer, BadChunksAndMissingFiltersFailCleanly)
     DH5File(path, "r").dataset("/data").readSlice(out.data(), {0, 0}, {1, 4});
     EXPECT_EQ(out, pixels);
 }
+
+TEST(H5Layer, OnlyPlainDataMustLieInTheFileAtItsPlainSize)
+{
+    registerBuiltinFilters();
+    norvexa_test::TempDir dir;
+    const std::string path = (dir.path() / "short.h5").string();
+    const unsigned long side = 1024; // a frame of 4 MiB; zeros compress to a few KiB
+    const std::vector<char> zeros(side * side * 4, 0);
+    for (const auto filter : {DCompression::FILTER_LZ4, NONE}) {
+        SCOPED_TRACE(filter);
+        {
+            DH5File file(path, "w");
+            DH5Data data = file.addDataset("/data", H5UInt, 4, {-1, long(side), long(side)}, filter);
+            const std::vector<char> chunk =
+                filter == NONE ? std::vector<char>(64) : image::codec::encode(filter, zeros.data(), zeros.size());
+            data.writePrecompressedChunk(chunk.data(), chunk.size(), {0, 0, 0});
+        }
+        ASSERT_LT(fs::file_size(path), zeros.size());
+        const DH5Data data = DH5File(path, "r").dataset("/data");
+        // A compressed chunk may decode to more than the file holds; a plain one of 64 bytes
+        // cannot be a frame of 4 MiB.
+        EXPECT_EQ(data.sliceInFile({0, 0, 0}, {1, side, side}), filter != NONE);
+        EXPECT_THROW(data.sliceInFile({0, 0, 0}, {2, side, side}), DBadParameterException);
+    }
+}

@@ -138,6 +138,135 @@ void DH5Data::readSlice(void* out, const std::vector<unsigned long>& start,
         detail::failRead(d.id.get(), d.path);
 }
 
+namespace {
+
+/// a * b, or false where the product leaves 64 bits.
+bool multiply(std::uint64_t a, std::uint64_t b, std::uint64_t& product)
+{
+    return !__builtin_mul_overflow(a, b, &product);
+}
+
+/// Whether `size` bytes at `address` end within a file of `fileSize` bytes.
+bool withinFile(haddr_t address, std::uint64_t size, hsize_t fileSize)
+{
+    return address <= fileSize && size <= fileSize - address;
+}
+
+} // namespace
+
+bool DH5Data::sliceInFile(const std::vector<unsigned long>& start, const std::vector<unsigned long>& count) const
+{
+    const detail::DH5Object& d = DH5Access::object(*this);
+    const std::vector<hsize_t> dims = currentDims(d.id.get(), d.path);
+    const std::vector<hsize_t> first = coordinates(start, dims.size(), "Slice start", d.path);
+    const std::vector<hsize_t> extent = coordinates(count, dims.size(), "Slice count", d.path);
+    for (std::size_t i = 0; i < dims.size(); ++i) {
+        if (first[i] > dims[i] || extent[i] > dims[i] - first[i])
+            throw DBadParameterException("Slice of " + d.path + " lies outside its dimensions");
+    }
+    if (std::find(extent.begin(), extent.end(), 0) != extent.end())
+        return true;
+    const Id dcpl(check(H5Dget_create_plist(d.id.get()), "Cannot read the creation list of", d.path));
+    if (checkStatus(H5Pget_nfilters(dcpl.get()), "Cannot read the filters of", d.path) != 0)
+        return true;
+    const H5D_layout_t layout = H5Pget_layout(dcpl.get());
+    if (layout != H5D_CONTIGUOUS && layout != H5D_CHUNKED)
+        return true;
+    if (layout == H5D_CONTIGUOUS &&
+        checkStatus(H5Pget_external_count(dcpl.get()), "Cannot read the storage of", d.path) > 0)
+        return true;
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    const std::uint64_t elementSize = H5Tget_size(type.get());
+    // The file that holds the data: for a dataset behind an external link, the linked file.
+    const Id file(check(H5Iget_file_id(d.id.get()), "Cannot find the file of", d.path));
+    hsize_t fileSize = 0;
+    checkStatus(H5Fget_filesize(file.get(), &fileSize), "Cannot read the file size of", d.path);
+
+    if (layout == H5D_CONTIGUOUS) {
+        const haddr_t address = H5Dget_offset(d.id.get());
+        if (address == HADDR_UNDEF) {
+            detail::takeErrorMessage();
+            return true;
+        }
+        // Elements are stored in row-major order: the slice needs every byte up to its last
+        // element.
+        std::uint64_t last = 0, stride = 1;
+        for (std::size_t i = dims.size(); i-- > 0;) {
+            std::uint64_t term = 0;
+            if (!multiply(first[i] + extent[i] - 1, stride, term) ||
+                __builtin_add_overflow(last, term, &last) || !multiply(stride, dims[i], stride))
+                return false;
+        }
+        std::uint64_t needed = 0;
+        if (!multiply(last + 1, elementSize, needed))
+            return false;
+        return needed <= H5Dget_storage_size(d.id.get()) && withinFile(address, needed, fileSize);
+    }
+
+    const int rank = checkStatus(H5Pget_chunk(dcpl.get(), 0, nullptr), "Cannot read the chunks of", d.path);
+    std::vector<hsize_t> chunk(static_cast<std::size_t>(rank));
+    checkStatus(H5Pget_chunk(dcpl.get(), rank, chunk.data()), "Cannot read the chunks of", d.path);
+    if (chunk.size() != dims.size() || std::find(chunk.begin(), chunk.end(), 0) != chunk.end())
+        return false;
+    std::uint64_t plain = elementSize;
+    for (const hsize_t c : chunk) {
+        if (!multiply(plain, c, plain))
+            return false;
+    }
+    // Every chunk of the grid that the slice touches, counted like an odometer.
+    std::vector<hsize_t> low(dims.size()), high(dims.size());
+    for (std::size_t i = 0; i < dims.size(); ++i) {
+        low[i] = first[i] / chunk[i] * chunk[i];
+        high[i] = (first[i] + extent[i] - 1) / chunk[i] * chunk[i];
+    }
+    // A slice of very many small chunks (a hostile file may declare billions) is checked
+    // by the chunks stored instead, when they are few: a lookup by index walks the index
+    // from its start.
+    std::uint64_t touched = 1;
+    for (std::size_t i = 0; i < dims.size(); ++i) {
+        if (!multiply(touched, (high[i] - low[i]) / chunk[i] + 1, touched))
+            touched = UINT64_MAX;
+    }
+    constexpr hsize_t manyChunks = 4096, fewStored = 1024;
+    if (touched > manyChunks) {
+        const Id all(check(H5Dget_space(d.id.get()), "Cannot read the dataspace of", d.path));
+        hsize_t count = 0;
+        checkStatus(H5Dget_num_chunks(d.id.get(), all.get(), &count), "Cannot count the chunks of", d.path);
+        if (count <= fewStored) {
+            std::vector<hsize_t> offset(dims.size());
+            for (hsize_t index = 0; index < count; ++index) {
+                haddr_t address = HADDR_UNDEF;
+                hsize_t stored = 0;
+                unsigned mask = 0;
+                checkStatus(H5Dget_chunk_info(d.id.get(), all.get(), index, offset.data(), &mask, &address, &stored),
+                            "Cannot find the chunk of", d.path);
+                bool inSlice = true;
+                for (std::size_t i = 0; i < dims.size(); ++i)
+                    inSlice = inSlice && offset[i] >= low[i] && offset[i] <= high[i];
+                if (inSlice && stored != 0 && address != HADDR_UNDEF && !withinFile(address, plain, fileSize))
+                    return false;
+            }
+            return true;
+        }
+    }
+    std::vector<hsize_t> at = low;
+    for (;;) {
+        haddr_t address = HADDR_UNDEF;
+        hsize_t stored = 0;
+        unsigned mask = 0;
+        checkStatus(H5Dget_chunk_info_by_coord(d.id.get(), at.data(), &mask, &address, &stored),
+                    "Cannot find the chunk of", d.path);
+        if (stored != 0 && address != HADDR_UNDEF && !withinFile(address, plain, fileSize))
+            return false;
+        std::size_t i = at.size();
+        while (i-- > 0 && at[i] == high[i])
+            at[i] = low[i];
+        if (i == static_cast<std::size_t>(-1))
+            return true;
+        at[i] += chunk[i];
+    }
+}
+
 std::vector<char> DH5Data::readRawChunk(const std::vector<unsigned long>& offset) const
 {
     const unsigned long size = rawChunkSize(offset);

@@ -55,6 +55,18 @@ public:
     /// the filter: "HDF5 filter 307 (bzip2) is not available for dataset <path>".
     void readSlice(void* out, const std::vector<unsigned long>& start,
                    const std::vector<unsigned long>& count) const;
+    /// Whether the stored bytes that the hyperslab at `start` of extent `count` reads lie
+    /// within the dataset's own file, checked for a dataset without filters, whose stored
+    /// size is its plain size: contiguous storage must reach the slice's last element and
+    /// end within the file; every stored chunk the slice touches must fit its plain size
+    /// (chunk elements * element size) between its address and the file's end. Storage or
+    /// chunks not yet written read as the fill value and count as backed, as do datasets
+    /// with filters (their content may decode to many times its stored size), compact,
+    /// external and virtual storage. Queries only, no data is read; a chunked slice costs
+    /// one index lookup per chunk it touches, as its read does, or, past 4096 chunks, a
+    /// walk of the stored chunks where at most 1024 are stored. A slice outside the
+    /// dimensions raises DBadParameterException.
+    bool sliceInFile(const std::vector<unsigned long>& start, const std::vector<unsigned long>& count) const;
     /// Reads the stored bytes of the chunk at `offset`, as they lie in the file (the
     /// filters not undone).
     std::vector<char> readRawChunk(const std::vector<unsigned long>& offset) const;
