@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <iostream>
 #include <map>
 #include <set>
@@ -504,7 +505,15 @@ static image::DBasicImage<StdAllocator> decodedPixels(const Located& at)
     // may declare a frame of gigabytes.
     if (!at.data.sliceInFile({at.frame, 0, 0}, {1, at.height, at.width}))
         throw DImageCorruptedException("Data of HDF5 dataset " + at.path + " is not in the file");
-    image::DBasicImage<StdAllocator> pixels(at.width, at.height, StdAllocator(), at.type, at.data.dataSize() * 8);
+    image::DBasicImage<StdAllocator> pixels;
+    try {
+        pixels = image::DBasicImage<StdAllocator>(at.width, at.height, StdAllocator(), at.type,
+                                                  at.data.dataSize() * 8);
+    } catch (const std::bad_alloc&) {
+        // Chunks never written read as the fill value, so a frame of no stored data may
+        // still declare more than any memory holds.
+        throw DImageCorruptedException("HDF5 dataset " + at.path + " declares a frame larger than memory");
+    }
     at.data.readSlice(pixels.data(), {at.frame, 0, 0}, {1, at.height, at.width});
     return pixels;
 }

@@ -411,27 +411,39 @@ TEST(H5Layer, BadChunksAndMissingFiltersFailCleanly)
     EXPECT_EQ(out, pixels);
 }
 
-TEST(H5Layer, OnlyPlainDataMustLieInTheFileAtItsPlainSize)
+TEST(H5Layer, StoredChunksMustBeAbleToHoldTheirFrame)
 {
     registerBuiltinFilters();
     norvexa_test::TempDir dir;
     const std::string path = (dir.path() / "short.h5").string();
-    const unsigned long side = 1024; // a frame of 4 MiB; zeros compress to a few KiB
+    const unsigned long side = 4096; // a frame of 64 MiB; zeros compress to some 250 KiB
     const std::vector<char> zeros(side * side * 4, 0);
-    for (const auto filter : {DCompression::FILTER_LZ4, NONE}) {
-        SCOPED_TRACE(filter);
+    const struct {
+        DCompression::FILTER filter;
+        std::vector<char> chunk;
+        bool inFile;
+    } cases[] = {
+        // A compressed chunk may decode to more than the file holds.
+        {DCompression::FILTER_LZ4, image::codec::encode(DCompression::FILTER_LZ4, zeros.data(), zeros.size()), true},
+        // A plain one of 64 bytes cannot be a frame of 64 MiB, nor can a compressed one.
+        {NONE, std::vector<char>(64), false},
+        {DCompression::FILTER_LZ4, std::vector<char>(64), false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.filter);
         {
             DH5File file(path, "w");
-            DH5Data data = file.addDataset("/data", H5UInt, 4, {-1, long(side), long(side)}, filter);
-            const std::vector<char> chunk =
-                filter == NONE ? std::vector<char>(64) : image::codec::encode(filter, zeros.data(), zeros.size());
-            data.writePrecompressedChunk(chunk.data(), chunk.size(), {0, 0, 0});
+            DH5Data data = file.addDataset("/data", H5UInt, 4, {-1, long(side), long(side)}, c.filter);
+            data.writePrecompressedChunk(c.chunk.data(), c.chunk.size(), {0, 0, 0});
         }
         ASSERT_LT(fs::file_size(path), zeros.size());
         const DH5Data data = DH5File(path, "r").dataset("/data");
-        // A compressed chunk may decode to more than the file holds; a plain one of 64 bytes
-        // cannot be a frame of 4 MiB.
-        EXPECT_EQ(data.sliceInFile({0, 0, 0}, {1, side, side}), filter != NONE);
+        EXPECT_EQ(data.sliceInFile({0, 0, 0}, {1, side, side}), c.inFile);
         EXPECT_THROW(data.sliceInFile({0, 0, 0}, {2, side, side}), DBadParameterException);
+        if (!c.inFile) {
+            // A whole read (a header item) is refused before it takes memory.
+            image::DBasicImage<image::StdAllocator> image;
+            EXPECT_THROW_MSG(data.read(image), DRuntimeException, "Data of HDF5 dataset /data is not in the file");
+        }
     }
 }

@@ -105,6 +105,12 @@ void DH5Attribute::read(int& value) const
 template <class Allocator> void DH5Attribute::read(image::DBasicImage<Allocator>& value) const
 {
     const detail::DH5Object& a = DH5Access::object(*this);
+    // The value lies in its object's header, which a damaged file may make declare far
+    // more elements than it stores: refused before the image takes memory for them.
+    unsigned long needed = 0;
+    if (__builtin_mul_overflow(numberOfElements(), dataSize(), &needed) ||
+        needed > H5Aget_storage_size(a.id.get()))
+        throw DRuntimeException("Value of HDF5 attribute " + a.path + " is not in the file");
     detail::readImage(a.id.get(), true, a.path, value);
 }
 

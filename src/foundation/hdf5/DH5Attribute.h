@@ -37,7 +37,9 @@ public:
     /// The one number, converted by HDF5. DRuntimeException for a string or for more than
     /// one element.
     void read(int& value) const;
-    /// The whole value, as DH5Data::read does it.
+    /// The whole value, as DH5Data::read does it; DRuntimeException "Value of HDF5
+    /// attribute <path> is not in the file" when its header stores fewer bytes than its
+    /// elements need.
     template <class Allocator> void read(image::DBasicImage<Allocator>& value) const;
 
     /// Writes the one string; a shorter text is padded with zero bytes, a longer one than

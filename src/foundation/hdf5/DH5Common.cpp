@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <filesystem>
 #include <memory>
 #include <type_traits>
@@ -557,7 +558,14 @@ void readImage(hid_t object, bool isAttribute, const std::string& path, image::D
     }
 
     const Id memory = memoryType(type.get(), path);
-    Image result(shape, image.allocator(), imageType(dataType), 8 * H5Tget_size(type.get()));
+    Image result(image.allocator());
+    try {
+        result = Image(shape, image.allocator(), imageType(dataType), 8 * H5Tget_size(type.get()));
+    } catch (const std::bad_alloc&) {
+        // Unwritten chunks read as the fill value: a damaged header may declare more of them
+        // than any memory holds.
+        fail(std::string(isAttribute ? "HDF5 attribute " : "HDF5 dataset ") + path + " declares more data than memory holds");
+    }
     if (count) {
         const herr_t status =
             isAttribute ? H5Aread(object, memory.get(), result.data())

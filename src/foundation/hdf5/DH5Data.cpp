@@ -111,6 +111,11 @@ image::DCompression::FILTER DH5Data::filter() const
 template <class Allocator> void DH5Data::read(image::DBasicImage<Allocator>& image) const
 {
     const detail::DH5Object& d = DH5Access::object(*this);
+    // A damaged header may declare a dataset of gigabytes in a file of kilobytes: refused
+    // before the image takes memory for it.
+    const std::vector<unsigned long> dims = dim();
+    if (!dims.empty() && !sliceInFile(std::vector<unsigned long>(dims.size(), 0), dims))
+        throw DRuntimeException("Data of HDF5 dataset " + d.path + " is not in the file");
     detail::readImage(d.id.get(), false, d.path, image);
 }
 
@@ -167,8 +172,7 @@ bool DH5Data::sliceInFile(const std::vector<unsigned long>& start, const std::ve
     if (std::find(extent.begin(), extent.end(), 0) != extent.end())
         return true;
     const Id dcpl(check(H5Dget_create_plist(d.id.get()), "Cannot read the creation list of", d.path));
-    if (checkStatus(H5Pget_nfilters(dcpl.get()), "Cannot read the filters of", d.path) != 0)
-        return true;
+    const bool filtered = checkStatus(H5Pget_nfilters(dcpl.get()), "Cannot read the filters of", d.path) != 0;
     const H5D_layout_t layout = H5Pget_layout(dcpl.get());
     if (layout != H5D_CONTIGUOUS && layout != H5D_CHUNKED)
         return true;
@@ -183,6 +187,8 @@ bool DH5Data::sliceInFile(const std::vector<unsigned long>& start, const std::ve
     checkStatus(H5Fget_filesize(file.get(), &fileSize), "Cannot read the file size of", d.path);
 
     if (layout == H5D_CONTIGUOUS) {
+        if (filtered)
+            return true;
         const haddr_t address = H5Dget_offset(d.id.get());
         if (address == HADDR_UNDEF) {
             detail::takeErrorMessage();
@@ -227,6 +233,20 @@ bool DH5Data::sliceInFile(const std::vector<unsigned long>& start, const std::ve
         if (!multiply(touched, (high[i] - low[i]) / chunk[i] + 1, touched))
             touched = UINT64_MAX;
     }
+    // A plain chunk is stored at its plain size. A compressed one may decode to far more
+    // than it stores (a dark frame compresses a thousandfold), but no filter expands a
+    // chunk 65536-fold: HDF5 takes a buffer of the plain chunk size to decode into, which
+    // a damaged header may set to gigabytes over a chunk of a few hundred bytes.
+    constexpr std::uint64_t maxExpansion = 65536, slack = std::uint64_t(1) << 20;
+    const auto fits = [&](haddr_t address, hsize_t stored) {
+        if (stored == 0 || address == HADDR_UNDEF)
+            return true; // not written: the fill value
+        if (!filtered)
+            return withinFile(address, plain, fileSize);
+        std::uint64_t most = 0;
+        return withinFile(address, stored, fileSize) &&
+               (!multiply(stored, maxExpansion, most) || plain <= most + slack);
+    };
     constexpr hsize_t manyChunks = 4096, fewStored = 1024;
     if (touched > manyChunks) {
         const Id all(check(H5Dget_space(d.id.get()), "Cannot read the dataspace of", d.path));
@@ -243,7 +263,7 @@ bool DH5Data::sliceInFile(const std::vector<unsigned long>& start, const std::ve
                 bool inSlice = true;
                 for (std::size_t i = 0; i < dims.size(); ++i)
                     inSlice = inSlice && offset[i] >= low[i] && offset[i] <= high[i];
-                if (inSlice && stored != 0 && address != HADDR_UNDEF && !withinFile(address, plain, fileSize))
+                if (inSlice && !fits(address, stored))
                     return false;
             }
             return true;
@@ -256,7 +276,7 @@ bool DH5Data::sliceInFile(const std::vector<unsigned long>& start, const std::ve
         unsigned mask = 0;
         checkStatus(H5Dget_chunk_info_by_coord(d.id.get(), at.data(), &mask, &address, &stored),
                     "Cannot find the chunk of", d.path);
-        if (stored != 0 && address != HADDR_UNDEF && !withinFile(address, plain, fileSize))
+        if (!fits(address, stored))
             return false;
         std::size_t i = at.size();
         while (i-- > 0 && at[i] == high[i])

@@ -48,7 +48,9 @@ public:
     /// Reads the whole dataset. The image takes the file's class (INT, UINT, FLOAT or
     /// CHAR), bits (element size * 8) and shape, reversed into the image's fastest-first
     /// order. A variable-length string becomes a CHAR value as wide as its longest text.
-    /// On failure the image is unchanged.
+    /// Data that is not in the file (see sliceInFile) raises DRuntimeException "Data of
+    /// HDF5 dataset <path> is not in the file" before anything is allocated. On failure
+    /// the image is unchanged.
     template <class Allocator> void read(image::DBasicImage<Allocator>& image) const;
     /// Reads the hyperslab at `start` of extent `count` into `out`, which must hold the
     /// product of `count` elements. Unavailable filters raise a DRuntimeException naming
@@ -56,13 +58,15 @@ public:
     void readSlice(void* out, const std::vector<unsigned long>& start,
                    const std::vector<unsigned long>& count) const;
     /// Whether the stored bytes that the hyperslab at `start` of extent `count` reads lie
-    /// within the dataset's own file, checked for a dataset without filters, whose stored
-    /// size is its plain size: contiguous storage must reach the slice's last element and
-    /// end within the file; every stored chunk the slice touches must fit its plain size
-    /// (chunk elements * element size) between its address and the file's end. Storage or
-    /// chunks not yet written read as the fill value and count as backed, as do datasets
-    /// with filters (their content may decode to many times its stored size), compact,
-    /// external and virtual storage. Queries only, no data is read; a chunked slice costs
+    /// within the dataset's own file. Without filters the stored size is the plain size:
+    /// contiguous storage must reach the slice's last element and end within the file;
+    /// every stored chunk the slice touches must fit its plain size (chunk elements *
+    /// element size) between its address and the file's end. With filters a stored chunk
+    /// must lie within the file and its plain size be at most 65536 times its stored size
+    /// plus 1 MiB (content may decode to many times its size, but no filter expands that
+    /// far; HDF5 takes a buffer of the plain chunk size first). Storage or chunks not yet
+    /// written read as the fill value and count as backed, as do compact, external and
+    /// virtual storage. Queries only, no data is read; a chunked slice costs
     /// one index lookup per chunk it touches, as its read does, or, past 4096 chunks, a
     /// walk of the stored chunks where at most 1024 are stored. A slice outside the
     /// dimensions raises DBadParameterException.
