@@ -446,4 +446,14 @@ TEST(H5Layer, StoredChunksMustBeAbleToHoldTheirFrame)
             EXPECT_THROW_MSG(data.read(image), DRuntimeException, "Data of HDF5 dataset /data is not in the file");
         }
     }
+    {
+        // Four frames never written: a frame reads as the fill value (an acquisition not yet
+        // done), but a whole read of 256 MiB over no stored byte is a damaged header item.
+        DH5File file(path, "w");
+        DH5Data data = file.addDataset("/data", H5UInt, 4, {4, long(side), long(side)}, DCompression::FILTER_LZ4);
+    }
+    const DH5Data data = DH5File(path, "r").dataset("/data");
+    EXPECT_TRUE(data.sliceInFile({0, 0, 0}, {1, side, side}));
+    image::DBasicImage<image::StdAllocator> image;
+    EXPECT_THROW_MSG(data.read(image), DRuntimeException, "Data of HDF5 dataset /data is not in the file");
 }

@@ -5,6 +5,7 @@
 #include "foundation/hdf5/DH5Filters.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace norvexa {
 namespace hdf5 {
@@ -108,13 +109,35 @@ image::DCompression::FILTER DH5Data::filter() const
     throw DRuntimeException("The filters of HDF5 dataset " + d.path + " have no compression form");
 }
 
+namespace {
+
+/// Whether a whole read takes memory in some proportion to what the file stores: at most
+/// 65536 times the stored bytes (the most a filter expands) plus 16 MiB. Unwritten chunks
+/// read as the fill value, so a damaged header may declare gigabytes of them over a file of
+/// kilobytes; a frame may legitimately be unwritten yet, a header item hardly.
+bool mostlyStored(const detail::DH5Object& d, const std::vector<unsigned long>& dims)
+{
+    const Id type(check(H5Dget_type(d.id.get()), "Cannot read the type of", d.path));
+    std::uint64_t plain = H5Tget_size(type.get());
+    for (unsigned long extent : dims) {
+        if (__builtin_mul_overflow(plain, extent, &plain))
+            return false;
+    }
+    const std::uint64_t stored = H5Dget_storage_size(d.id.get());
+    std::uint64_t most = 0;
+    return __builtin_mul_overflow(stored, std::uint64_t(65536), &most) ||
+           plain <= most + (std::uint64_t(16) << 20);
+}
+
+} // namespace
+
 template <class Allocator> void DH5Data::read(image::DBasicImage<Allocator>& image) const
 {
     const detail::DH5Object& d = DH5Access::object(*this);
     // A damaged header may declare a dataset of gigabytes in a file of kilobytes: refused
     // before the image takes memory for it.
     const std::vector<unsigned long> dims = dim();
-    if (!dims.empty() && !sliceInFile(std::vector<unsigned long>(dims.size(), 0), dims))
+    if (!dims.empty() && (!sliceInFile(std::vector<unsigned long>(dims.size(), 0), dims) || !mostlyStored(d, dims)))
         throw DRuntimeException("Data of HDF5 dataset " + d.path + " is not in the file");
     detail::readImage(d.id.get(), false, d.path, image);
 }

@@ -48,8 +48,10 @@ public:
     /// Reads the whole dataset. The image takes the file's class (INT, UINT, FLOAT or
     /// CHAR), bits (element size * 8) and shape, reversed into the image's fastest-first
     /// order. A variable-length string becomes a CHAR value as wide as its longest text.
-    /// Data that is not in the file (see sliceInFile) raises DRuntimeException "Data of
-    /// HDF5 dataset <path> is not in the file" before anything is allocated. On failure
+    /// Data that is not in the file (see sliceInFile), or more than 65536 times the bytes
+    /// stored plus 16 MiB (mostly unwritten chunks, read as the fill value), raises
+    /// DRuntimeException "Data of HDF5 dataset <path> is not in the file" before anything
+    /// is allocated. On failure
     /// the image is unchanged.
     template <class Allocator> void read(image::DBasicImage<Allocator>& image) const;
     /// Reads the hyperslab at `start` of extent `count` into `out`, which must hold the
