@@ -98,6 +98,7 @@ public:
             py::gil_scoped_release release;
             // The first image tells the frame, even for an empty range.
             StoredChunk chunk = readStored(stop > start ? start : low);
+            const std::string firstFrame = describe(chunk.pixels);
             const auto& shape = chunk.pixels.shape();
             const unsigned long width = shape.at(0), height = shape.at(1);
             const datatypes::Type type = chunk.pixels.type();
@@ -113,7 +114,7 @@ public:
                     chunk.pixels.type() != type || chunk.pixels.typeBits() != bits)
                     throw DBadParameterException(
                         "Image " + std::to_string(n) + " of " + _path + " is " + describe(chunk.pixels) +
-                        ", unlike image " + std::to_string(start) + ": " + describe(*block, 2));
+                        ", unlike image " + std::to_string(start) + ": " + firstFrame);
                 chunk.pixels.decodeInto(block->data() + (n - start) * frameBytes, frameBytes);
             }
         }
@@ -136,21 +137,18 @@ public:
     }
 
 private:
-    /// The stored chunk of image n, read under the lock; the GIL is already released.
+    /// The stored chunk of image n; the GIL is already released.
     StoredChunk readStored(int n)
     {
-        auto guard = lock();
-        if (!_series)
-            throw DRuntimeException("Image series " + _path + " is closed");
-        return _series->storedImage(static_cast<unsigned long>(n));
+        return locked([n](DImageSeries& s) { return s.storedImage(static_cast<unsigned long>(n)); });
     }
 
-    /// "100x50 of 32 bits", for the message on a frame unlike the others.
-    static std::string describe(const imglib::DBasicImage& pixels, std::size_t dims = 0)
+    /// "100x50 UINT of 32 bits", for the message on a frame unlike the others.
+    static std::string describe(const imglib::DBasicImage& pixels)
     {
         const auto& shape = pixels.shape();
         std::string text;
-        for (std::size_t i = 0; i < (dims ? dims : shape.size()); ++i)
+        for (std::size_t i = 0; i < shape.size(); ++i)
             text += (i ? "x" : "") + std::to_string(shape[i]);
         return text + " " + datatypes::typeStr(pixels.type()) + " of " + std::to_string(pixels.typeBits()) +
                " bits";
@@ -165,10 +163,18 @@ private:
         return static_cast<unsigned long>(number);
     }
 
+    /// f(series) under the series' lock, with the GIL released.
     template <class F>
     auto call(F&& f) -> decltype(f(std::declval<DImageSeries&>()))
     {
         py::gil_scoped_release release;
+        return locked(std::forward<F>(f));
+    }
+
+    /// f(series) under the series' lock; the caller has released the GIL.
+    template <class F>
+    auto locked(F&& f) -> decltype(f(std::declval<DImageSeries&>()))
+    {
         auto guard = lock();
         if (!_series)
             throw DRuntimeException("Image series " + _path + " is closed");

@@ -203,6 +203,27 @@ py::object median(const DImage& image, const RectArg& rect, const MaskArg& mask)
     return py::int_(value);
 }
 
+// ---- Cuts ----
+
+/// A binding of a cut that takes an Image (pixel by pixel) or a number: `apply(image,
+/// limit)` runs with the GIL released.
+template <class Apply>
+auto cutBy(Apply apply)
+{
+    return [apply](DImage& self, const py::object& limit) {
+        if (py::isinstance<DImage>(limit)) {
+            const DImage& limits = limit.cast<const DImage&>();
+            py::gil_scoped_release release;
+            apply(self, limits);
+            return;
+        }
+        withScalar(limit, [&](auto v) {
+            py::gil_scoped_release release;
+            apply(self, v);
+        });
+    };
+}
+
 // ---- The array view ----
 
 py::array dataView(py::object self)
@@ -649,18 +670,7 @@ Writes source's pixel (i, j), converted, to (x0 + dx * i, y0 + dy * j); the slic
 extent is the source's width and height.)doc")
         .def(
             "low_cut",
-            [](DImage& self, const py::object& limit) {
-                if (py::isinstance<DImage>(limit)) {
-                    const DImage& limits = limit.cast<const DImage&>();
-                    py::gil_scoped_release release;
-                    self.lowCut(limits);
-                    return;
-                }
-                withScalar(limit, [&](auto v) {
-                    py::gil_scoped_release release;
-                    self.lowCut(v);
-                });
-            },
+            cutBy([](DImage& self, const auto& limit) { self.lowCut(limit); }),
             py::arg("limit"), R"doc(low_cut(limit) -> None
 
 Raises every pixel below limit to it, in place: limit is a number (compared in the common
@@ -670,18 +680,7 @@ Raises:
     norvexa.RuntimeException: "Image sizes do not coincide" for an Image of another size.)doc")
         .def(
             "high_cut",
-            [](DImage& self, const py::object& limit) {
-                if (py::isinstance<DImage>(limit)) {
-                    const DImage& limits = limit.cast<const DImage&>();
-                    py::gil_scoped_release release;
-                    self.highCut(limits);
-                    return;
-                }
-                withScalar(limit, [&](auto v) {
-                    py::gil_scoped_release release;
-                    self.highCut(v);
-                });
-            },
+            cutBy([](DImage& self, const auto& limit) { self.highCut(limit); }),
             py::arg("limit"), R"doc(high_cut(limit) -> None
 
 Lowers every pixel above limit to it, in place; limit as for low_cut.

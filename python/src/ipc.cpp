@@ -58,6 +58,17 @@ auto blocking(Queue& q, const py::object& abort, Work work)
     });
 }
 
+/// The next object of type T from the slot, as an abortable wait.
+template <class T>
+T receiveObject(Queue& q, const py::object& abort)
+{
+    return blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
+        T value;
+        queue.receive(value, flag);
+        return value;
+    });
+}
+
 #define ABORT_ARG "    abort: a threading.Event (or None); setting it from another thread ends the wait.\n"
 #define QUEUE_RAISES                                                                               \
     "    MessageQueueException: the queue is closed, or an inter-process primitive failed.\n"     \
@@ -144,40 +155,21 @@ Raises:
             "\nReturns:\n    str\n\nRaises:\n" QUEUE_RAISES)
         .def(
             "receive_image",
-            [](Queue& q, const py::object& abort) {
-                return blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
-                    DImage image;
-                    queue.receive(image, flag);
-                    return image;
-                });
-            },
+            [](Queue& q, const py::object& abort) { return receiveObject<DImage>(q, abort); },
             py::kw_only(), py::arg("abort") = py::none(),
             "Takes an Image out of the slot; waits until there is one. The other side must\n"
             "have sent an Image.\n\nArgs:\n" ABORT_ARG
             "\nReturns:\n    Image, with its metadata.\n\nRaises:\n" QUEUE_RAISES)
         .def(
             "receive_drawing_list",
-            [](Queue& q, const py::object& abort) {
-                return blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
-                    DStdDrawingList list;
-                    queue.receive(list, flag);
-                    return list;
-                });
-            },
+            [](Queue& q, const py::object& abort) { return receiveObject<DStdDrawingList>(q, abort); },
             py::kw_only(), py::arg("abort") = py::none(),
             "Takes a DrawingList out of the slot; waits until there is one. The other side must\n"
             "have sent a DrawingList.\n\nArgs:\n" ABORT_ARG
             "\nReturns:\n    DrawingList\n\nRaises:\n" QUEUE_RAISES)
         .def(
             "receive_pixels",
-            [](Queue& q, const py::object& abort) {
-                DArray<DPixel> pixels = blocking(q, abort, [](DMessageQueue& queue, const std::atomic<bool>& flag) {
-                    DArray<DPixel> received;
-                    queue.receive(received, flag);
-                    return received;
-                });
-                return pixelsToArray(pixels);
-            },
+            [](Queue& q, const py::object& abort) { return pixelsToArray(receiveObject<DArray<DPixel>>(q, abort)); },
             py::kw_only(), py::arg("abort") = py::none(),
             "Takes a pixel list out of the slot; waits until there is one. The other side must\n"
             "have sent a pixel list.\n\nArgs:\n" ABORT_ARG

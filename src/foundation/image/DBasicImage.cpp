@@ -216,7 +216,8 @@ void DBasicImage<Allocator>::decodeInto(char* out, std::size_t outSize) const
             std::memcpy(out, _data.cdata(), outSize);
         return;
     }
-    refuseChunkOfAnotherSize(_filter, _data, _shape, _typeBits);
+    // The output is the caller's and has its size: the decode checks the chunk's header
+    // against it, with nothing left to allocate.
     codec::decode(_filter, _data.cdata(), _data.size(), out, outSize);
 }
 
@@ -229,7 +230,7 @@ void DBasicImage<Allocator>::setFilter(FILTER filter, int /*parameter*/)
         refuseChunkOfAnotherSize(_filter, _data, _shape, _typeBits);
         Data plain(_data.allocator());
         plain.resize(plainBytes());
-        codec::decode(_filter, _data.cdata(), _data.size(), plain.data(), plain.size());
+        decodeInto(plain.data(), plain.size());
         if (plain.size() == 0)
             plain = Data(_data.allocator());
         _data.swap(plain);

@@ -10,9 +10,10 @@ namespace image {
 /// of the same size (a series of frames allocates the same sizes again and again).
 /// That includes a frame's compressed chunk, a few megabytes whose size varies a little
 /// from frame to frame: blocks are sized in whole MiB below 8 MiB and in 2 MiB above, so
-/// that such neighbours share one cached block. Blocks are 2 MiB aligned. At most kCacheBlocks blocks and kCacheBytes bytes
-/// are kept; the cache is thread-safe. (Transparent huge pages were tried and left out:
-/// with the kernel's compaction on demand a first touch stalled up to four times longer.)
+/// that such neighbours share one cached block. Blocks are 2 MiB aligned. At most
+/// kCacheBlocks blocks and kCacheBytes bytes are kept; the cache is thread-safe.
+/// (Transparent huge pages were tried and left out: with the kernel's compaction on
+/// demand a first touch stalled up to four times longer.)
 class DLargeBlocks {
 public:
     /// Blocks from this size up are large.
